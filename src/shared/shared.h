@@ -1,0 +1,99 @@
+/*
+ * shared.h - what every part of the library builds on: the public header
+ * with the API's visibility, the internal routines of the shared table, the
+ * activity counter and the plain paths, and the scope guards that make every
+ * exit path release what it took, in order.
+ *
+ * Read table.cpp next for the table and its two locks, activity.cpp for the
+ * counters, paths.cpp and stamp.cpp for the operations on one path.
+ */
+#ifndef KOVDSK_SHARED_H
+#define KOVDSK_SHARED_H
+
+#include <cerrno>
+
+// The build hides every symbol by default; what the public header declares
+// is the API and the only thing exported.
+#pragma GCC visibility push(default)
+#include <kovdsk.h>
+#pragma GCC visibility pop
+
+// ---- Table and locks (table.cpp) ----------------------------------------
+
+// One semop on semaphore 0 of the set: -1 takes a lock, +1 releases it.
+// No SEM_UNDO: a lock dies with no process.
+int KovDskSemOp(int semid, int step);
+
+// The IPC key for 'T' (table and table lock) or 'D' (access lock).
+int KovDskKeyGet(char id);
+
+// ---- Counters (activity.cpp) -----------------------------------------------
+
+// The one way to move the activity counter; tells the device at 1 and 0.
+// Keeps errno, so callers may use it on their way out of a failure.
+int KovDskAccUpdate(int step);
+
+// ---- Paths (paths.cpp, stamp.cpp) ------------------------------------------
+
+// root + "/" + rel into a buffer of KOVDSK_PATH_MAX bytes.
+// -1 with ENAMETOOLONG if it would not fit.
+int KovDskFullPath(char *out, const char *rel);
+
+// Gives the file at a full path the date component's present time.
+int KovDskStamp(const char *fullpath);
+
+// Makes one directory below the root, mode 0666 whatever the umask.
+int KovDskMkDir(const char *rel);
+
+inline bool KovDskNoText(const char *s) { return s == nullptr || *s == '\0'; }
+
+// ---- Scope guards -----------------------------------------------------------
+// Destroyed in reverse order of construction, which is the release order the
+// locking rules ask for: operation counter, then table lock, then activity.
+
+// Puts errno back at the end of a scope.
+class KovDskErrnoKeeper {
+public:
+    KovDskErrnoKeeper() : saved_(errno) {}
+    ~KovDskErrnoKeeper() { errno = saved_; }
+    KovDskErrnoKeeper(const KovDskErrnoKeeper &) = delete;
+    KovDskErrnoKeeper &operator=(const KovDskErrnoKeeper &) = delete;
+private:
+    int saved_;
+};
+
+// Holds the table lock for a scope. The release keeps errno.
+class KovDskTableLock {
+public:
+    KovDskTableLock() { KovDskSemOp(KovDskTblSem_id, -1); }
+    ~KovDskTableLock() { KovDskErrnoKeeper keep; KovDskSemOp(KovDskTblSem_id, +1); }
+    KovDskTableLock(const KovDskTableLock &) = delete;
+    KovDskTableLock &operator=(const KovDskTableLock &) = delete;
+};
+
+// Raises the operation counter for a scope; lives inside a table lock.
+class KovDskOpCount {
+public:
+    KovDskOpCount() { ++AccTbl->op_cnt; }
+    ~KovDskOpCount() { --AccTbl->op_cnt; }
+    KovDskOpCount(const KovDskOpCount &) = delete;
+    KovDskOpCount &operator=(const KovDskOpCount &) = delete;
+};
+
+// Counts a scope as activity at the disk.
+class KovDskActivity {
+public:
+    KovDskActivity() { KovDskAccUpdate(+1); }
+    ~KovDskActivity() { KovDskAccUpdate(-1); }
+    KovDskActivity(const KovDskActivity &) = delete;
+    KovDskActivity &operator=(const KovDskActivity &) = delete;
+};
+
+// The frame of an operation on plain paths: table lock, then the operation
+// counter raised right after it and lowered right before the release.
+struct KovDskPathOp {
+    KovDskTableLock lock;
+    KovDskOpCount op;
+};
+
+#endif // KOVDSK_SHARED_H

@@ -1,0 +1,380 @@
+/*
+ * interpose.cpp - the test executable's own definitions of the system and
+ * allocator calls the library makes. Each passes on to the C library's
+ * definition (found with dlsym RTLD_NEXT; the allocator through glibc's
+ * __libc_ entry points, since dlsym itself allocates) unless a Fault is
+ * armed on it. "/dev/KovDevDat" is answered here by the activity device
+ * double, which records what the library tells it.
+ *
+ * Everything here must be safe to run in a forked child and must not
+ * allocate: the hooks are plain static arrays.
+ */
+#include "doubles/interpose.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_realloc(void *, size_t);
+
+namespace {
+
+#define KOVTEST_HOOKS(X) \
+    X(malloc) X(realloc) X(open) X(creat) X(close) X(read) X(write) X(stat) \
+    X(lstat) X(fstat) X(mkdir) X(chmod) X(remove) X(rename) X(utime) X(sync) \
+    X(semop) X(semget) X(semctl) X(shmget) X(shmat) X(ftok) X(ioctl) \
+    X(opendir) X(symlink) X(readlink) X(fork) X(waitpid) X(fcntl)
+
+enum HookId {
+#define X(n) H_##n,
+    KOVTEST_HOOKS(X)
+#undef X
+    H_COUNT
+};
+
+const char *const kHookNames[H_COUNT] = {
+#define X(n) #n,
+    KOVTEST_HOOKS(X)
+#undef X
+};
+
+struct Hook {
+    long calls;
+    int countdown;  // 0: disarmed; n: the nth call from now fails
+    int times;      // failures still to give once triggered (-1: for ever)
+    int err;
+    bool failing;
+};
+Hook hooks[H_COUNT];
+kovtest::Spy spy_fn;
+int spy_hook = -1;
+
+int HookByName(const char *name)
+{
+    for (int i = 0; i < H_COUNT; i++)
+        if (strcmp(kHookNames[i], name) == 0)
+            return i;
+    return -1;
+}
+
+// True when this call is to fail; errno is then set.
+bool Fail(HookId id, const char *path = nullptr)
+{
+    Hook &h = hooks[id];
+    h.calls++;
+    if (spy_fn != nullptr && spy_hook == id)
+        spy_fn(kHookNames[id], path);
+    if (!h.failing && h.countdown > 0 && --h.countdown == 0)
+        h.failing = true;
+    if (!h.failing)
+        return false;
+    if (h.times > 0 && --h.times == 0)
+        h.failing = false;
+    errno = h.err;
+    return true;
+}
+
+template <typename F>
+F Real(const char *name)
+{
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+#define REAL(name) static auto real = Real<decltype(&::name)>(#name)
+
+// ---- The activity device ------------------------------------------------
+constexpr char kDevice[] = "/dev/KovDevDat";
+constexpr int kMaxTold = 256;
+bool dev_present;
+int dev_fd = -1;
+int told;
+int told_state[kMaxTold];
+unsigned long told_request[kMaxTold];
+
+} // namespace
+
+namespace kovtest {
+
+Fault::Fault(const char *name, int err, int nth, int times) : hook_(HookByName(name))
+{
+    if (hook_ < 0)
+        return;
+    Hook &h = hooks[hook_];
+    h.countdown = nth;
+    h.times = times;
+    h.err = err;
+    h.failing = false;
+}
+
+Fault::~Fault()
+{
+    if (hook_ < 0)
+        return;
+    hooks[hook_].countdown = 0;
+    hooks[hook_].failing = false;
+}
+
+long Calls(const char *name)
+{
+    int id = HookByName(name);
+    return id < 0 ? -1 : hooks[id].calls;
+}
+
+OnCall::OnCall(const char *name, Spy spy)
+{
+    spy_hook = HookByName(name);
+    spy_fn = spy;
+}
+
+OnCall::~OnCall()
+{
+    spy_fn = nullptr;
+    spy_hook = -1;
+}
+
+namespace device {
+void Attach(bool present) { dev_present = present; }
+void Clear() { told = 0; }
+int Told() { return told; }
+int State(int i) { return i < told ? told_state[i] : -1; }
+unsigned long Request(int i) { return i < told ? told_request[i] : 0; }
+} // namespace device
+
+} // namespace kovtest
+
+// ---- The interposed calls ---------------------------------------------------
+
+extern "C" {
+
+void *malloc(size_t size)
+{
+    if (Fail(H_malloc))
+        return nullptr;
+    return __libc_malloc(size);
+}
+
+void *realloc(void *ptr, size_t size)
+{
+    if (Fail(H_realloc))
+        return nullptr;
+    return __libc_realloc(ptr, size);
+}
+
+int open(const char *path, int flags, ...)
+{
+    REAL(open);
+    mode_t mode = 0;
+    if (flags & (O_CREAT | O_TMPFILE)) {
+        va_list ap;
+        va_start(ap, flags);
+        mode = static_cast<mode_t>(va_arg(ap, int));
+        va_end(ap);
+    }
+    if (path != nullptr && strcmp(path, kDevice) == 0) {
+        if (!dev_present) {
+            errno = ENOENT;
+            return -1;
+        }
+        dev_fd = real("/dev/null", O_RDWR);
+        return dev_fd;
+    }
+    if (Fail(H_open, path))
+        return -1;
+    return real(path, flags, mode);
+}
+
+int creat(const char *path, mode_t mode)
+{
+    REAL(creat);
+    return Fail(H_creat, path) ? -1 : real(path, mode);
+}
+
+int close(int fd)
+{
+    REAL(close);
+    if (fd == dev_fd && fd != -1)
+        dev_fd = -1;
+    else if (Fail(H_close))
+        return -1;
+    return real(fd);
+}
+
+ssize_t read(int fd, void *buf, size_t n)
+{
+    REAL(read);
+    return Fail(H_read) ? -1 : real(fd, buf, n);
+}
+
+ssize_t write(int fd, const void *buf, size_t n)
+{
+    REAL(write);
+    return Fail(H_write) ? -1 : real(fd, buf, n);
+}
+
+int stat(const char *path, struct stat *st)
+{
+    REAL(stat);
+    return Fail(H_stat, path) ? -1 : real(path, st);
+}
+
+int lstat(const char *path, struct stat *st)
+{
+    REAL(lstat);
+    return Fail(H_lstat, path) ? -1 : real(path, st);
+}
+
+int fstat(int fd, struct stat *st)
+{
+    REAL(fstat);
+    return Fail(H_fstat) ? -1 : real(fd, st);
+}
+
+int mkdir(const char *path, mode_t mode)
+{
+    REAL(mkdir);
+    return Fail(H_mkdir, path) ? -1 : real(path, mode);
+}
+
+int chmod(const char *path, mode_t mode)
+{
+    REAL(chmod);
+    return Fail(H_chmod, path) ? -1 : real(path, mode);
+}
+
+int remove(const char *path)
+{
+    REAL(remove);
+    return Fail(H_remove, path) ? -1 : real(path);
+}
+
+int rename(const char *from, const char *to)
+{
+    REAL(rename);
+    return Fail(H_rename, from) ? -1 : real(from, to);
+}
+
+int utime(const char *path, const struct utimbuf *times)
+{
+    REAL(utime);
+    return Fail(H_utime, path) ? -1 : real(path, times);
+}
+
+void sync(void)
+{
+    REAL(sync);
+    Fail(H_sync);  // cannot fail; counted
+    real();
+}
+
+int semop(int semid, struct sembuf *ops, size_t n)
+{
+    REAL(semop);
+    return Fail(H_semop) ? -1 : real(semid, ops, n);
+}
+
+int semget(key_t key, int n, int flags)
+{
+    REAL(semget);
+    return Fail(H_semget) ? -1 : real(key, n, flags);
+}
+
+int semctl(int semid, int num, int cmd, ...)
+{
+    REAL(semctl);
+    va_list ap;
+    va_start(ap, cmd);
+    void *arg = va_arg(ap, void *);  // the union semun, passed as one word
+    va_end(ap);
+    return Fail(H_semctl) ? -1 : real(semid, num, cmd, arg);
+}
+
+int shmget(key_t key, size_t size, int flags)
+{
+    REAL(shmget);
+    return Fail(H_shmget) ? -1 : real(key, size, flags);
+}
+
+void *shmat(int shmid, const void *addr, int flags)
+{
+    REAL(shmat);
+    return Fail(H_shmat) ? reinterpret_cast<void *>(-1) : real(shmid, addr, flags);
+}
+
+key_t ftok(const char *path, int id)
+{
+    REAL(ftok);
+    return Fail(H_ftok, path) ? -1 : real(path, id);
+}
+
+int ioctl(int fd, unsigned long request, ...)
+{
+    REAL(ioctl);
+    va_list ap;
+    va_start(ap, request);
+    void *arg = va_arg(ap, void *);
+    va_end(ap);
+    if (fd == dev_fd && fd != -1) {
+        if (told < kMaxTold) {
+            int32_t state;
+            memcpy(&state, static_cast<const char *>(arg) + 20, sizeof state);
+            told_state[told] = state;
+            told_request[told] = request;
+            told++;
+        }
+        return 0;
+    }
+    return Fail(H_ioctl) ? -1 : real(fd, request, arg);
+}
+
+DIR *opendir(const char *path)
+{
+    REAL(opendir);
+    return Fail(H_opendir, path) ? nullptr : real(path);
+}
+
+int symlink(const char *target, const char *path)
+{
+    REAL(symlink);
+    return Fail(H_symlink, path) ? -1 : real(target, path);
+}
+
+ssize_t readlink(const char *path, char *buf, size_t n)
+{
+    REAL(readlink);
+    return Fail(H_readlink, path) ? -1 : real(path, buf, n);
+}
+
+pid_t fork(void)
+{
+    REAL(fork);
+    return Fail(H_fork) ? -1 : real();
+}
+
+pid_t waitpid(pid_t pid, int *status, int options)
+{
+    REAL(waitpid);
+    return Fail(H_waitpid) ? -1 : real(pid, status, options);
+}
+
+int fcntl(int fd, int cmd, ...)
+{
+    REAL(fcntl);
+    va_list ap;
+    va_start(ap, cmd);
+    void *arg = va_arg(ap, void *);
+    va_end(ap);
+    return Fail(H_fcntl) ? -1 : real(fd, cmd, arg);
+}
+
+} // extern "C"
