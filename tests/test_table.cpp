@@ -277,3 +277,12 @@ TEST_F(Table, LockOperationsFailCleanly)
     EXPECT_EQ(KovDskTblSemFree(), 0);
     EXPECT_EQ(SemValue(KovDskTblSem_id), 1);
 }
+
+TEST_F(Table, LockOfAProcessThatDiedStaysTaken)
+{
+    // No SEM_UNDO: the system does not give back a dead process's lock.
+    Create();
+    ASSERT_EQ(RunChild([] { return KovDskOpenTblCheck(); }), 0);
+    EXPECT_EQ(SemValue(KovDskTblSem_id), 0);
+    EXPECT_EQ(KovDskTblSemFree(), 0);
+}

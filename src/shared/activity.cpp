@@ -56,19 +56,15 @@ int KovDskAccUpdate(int step)
 
 int KovDskAccflg(int step)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     return KovDskAccUpdate(step);
 }
 
 int KovDskGetAccessedFlg(void)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     return __atomic_load_n(&AccTbl->accessed, __ATOMIC_RELAXED);
 }
 
@@ -81,9 +77,7 @@ void KovDskClearAccessedFlg(void)
 
 int KovDskGetOperationFlg(void)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     return __atomic_load_n(&AccTbl->op_cnt, __ATOMIC_RELAXED);
 }

@@ -23,18 +23,21 @@ int KovDskFullPath(char *out, const char *rel)
     return 0;
 }
 
-int KovDskMkDir(const char *rel)
+int KovDskPathArg(const char *rel, char *full)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     if (KovDskNoText(rel)) {
         errno = EINVAL;
         return -1;
     }
+    return KovDskFullPath(full, rel);
+}
+
+int KovDskMkDir(const char *rel)
+{
     char full[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(full, rel) == -1)
+    if (KovDskPathArg(rel, full) == -1)
         return -1;
     if (mkdir(full, 0666) == -1)
         return -1;
@@ -46,31 +49,22 @@ int KovDskMkDir(const char *rel)
 
 int KovDskDirMake(const char *path)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    char full[KOVDSK_PATH_MAX];
+    if (KovDskPathArg(path, full) == -1)
         return -1;
-    }
-    if (KovDskNoText(path)) {
-        errno = EINVAL;
-        return -1;
-    }
     KovDskPathOp op;
     return KovDskMkDir(path);
 }
 
 int KovDskFileChk(const char *path, int type)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    char full[KOVDSK_PATH_MAX];
+    if (KovDskPathArg(path, full) == -1)
         return -1;
-    }
-    if (KovDskNoText(path) || type >= 2) {
+    if (type >= 2) {
         errno = EINVAL;
         return -1;
     }
-    char full[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(full, path) == -1)
-        return -1;
 
     struct stat st;
     int rc;
@@ -90,16 +84,8 @@ int KovDskFileChk(const char *path, int type)
 
 int KovDskFileRemove(const char *path)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
-        return -1;
-    }
-    if (KovDskNoText(path)) {
-        errno = EINVAL;
-        return -1;
-    }
     char full[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(full, path) == -1)
+    if (KovDskPathArg(path, full) == -1)
         return -1;
 
     // Activity outside the table lock: +1 before it is taken, -1 after.
@@ -113,17 +99,9 @@ int KovDskFileRemove(const char *path)
 
 int KovDskFileRename(const char *oldpath, const char *newpath)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
-        return -1;
-    }
-    if (KovDskNoText(oldpath) || KovDskNoText(newpath)) {
-        errno = EINVAL;
-        return -1;
-    }
     char from[KOVDSK_PATH_MAX];
     char to[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(from, oldpath) == -1 || KovDskFullPath(to, newpath) == -1)
+    if (KovDskPathArg(oldpath, from) == -1 || KovDskPathArg(newpath, to) == -1)
         return -1;
 
     KovDskPathOp op;
@@ -133,10 +111,8 @@ int KovDskFileRename(const char *oldpath, const char *newpath)
 int KovDskChgTimeStamp(const char *path)
 {
     // An empty path stamps the root itself.
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     if (path == nullptr) {
         errno = EINVAL;
         return -1;
@@ -151,16 +127,8 @@ int KovDskChgTimeStamp(const char *path)
 
 int KovDskFileSize(const char *path)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
-        return -1;
-    }
-    if (KovDskNoText(path)) {
-        errno = EINVAL;
-        return -1;
-    }
     char full[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(full, path) == -1)
+    if (KovDskPathArg(path, full) == -1)
         return -1;
 
     struct stat st;

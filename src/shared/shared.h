@@ -45,7 +45,21 @@ int KovDskStamp(const char *fullpath);
 // Makes one directory below the root, mode 0666 whatever the umask.
 int KovDskMkDir(const char *rel);
 
+// The argument tests of an operation on one path, in the library's order
+// (attached, then the text), then the full path. -1 with EINIT, EINVAL or
+// ENAMETOOLONG.
+int KovDskPathArg(const char *rel, char *full);
+
 inline bool KovDskNoText(const char *s) { return s == nullptr || *s == '\0'; }
+
+// False, with errno EINIT, in a process that is not attached.
+inline bool KovDskAttached()
+{
+    if (AccTbl != nullptr)
+        return true;
+    errno = EINIT;
+    return false;
+}
 
 // ---- Scope guards -----------------------------------------------------------
 // Destroyed in reverse order of construction, which is the release order the

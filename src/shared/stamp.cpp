@@ -74,10 +74,8 @@ void KovDskStampDriversDir(const char *fullpath, const struct utimbuf *times)
 
 int KovDskStamp(const char *fullpath)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     if (KovDskNoText(fullpath)) {
         errno = EINVAL;
         return -1;

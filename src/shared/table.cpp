@@ -163,10 +163,8 @@ int KovDskInit(void)
 
 int KovDskOpenTblCheck(void)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     KovDskSemOp(KovDskTblSem_id, -1);
     if (KovDskAnyStreamOpen()) {
         KovDskErrnoKeeper keep;
@@ -178,9 +176,7 @@ int KovDskOpenTblCheck(void)
 
 int KovDskTblSemFree(void)
 {
-    if (AccTbl == nullptr) {
-        errno = EINIT;
+    if (!KovDskAttached())
         return -1;
-    }
     return KovDskSemOp(KovDskTblSem_id, +1);
 }
