@@ -17,10 +17,6 @@ int KovDskNotYet()
 }
 } // namespace
 
-int KovDskSelDel(int) { return KovDskNotYet(); }
-int KovDskGbgIni(void) { return KovDskNotYet(); }
-int KovDskGbgChk(void) { return KovDskNotYet(); }
-int KovDskFleSrd(void) { return KovDskNotYet(); }
 int KovDskWriteOpen(const char *, const char *, const char *, unsigned int, unsigned int, uint64_t, const char *, uint64_t, int, const char *) { return KovDskNotYet(); }
 int KovDskWrite(int, const void *, unsigned int) { return KovDskNotYet(); }
 int KovDskWriteClose(int) { return KovDskNotYet(); }

@@ -1,0 +1,80 @@
+/*
+ * store.h - the store's naming and layout: the stored-name codec
+ * (codec.cpp), the area directories, searches and links (area.cpp), and how
+ * a file leaves the store (trash.cpp, shred.cpp).
+ *
+ * A stored file's metadata lives in its own directory-entry name, e.g.
+ * t2atn616263nf7879fs6D656D6Fsd26013115dm30m.1: kind, file name, short tag,
+ * long tag, deadline (date and hour, then minute) and the temporary flag.
+ * None of these routines takes a lock: the exported operation that calls
+ * them holds the table lock where the tree is searched or changed.
+ */
+#ifndef KOVDSK_STORE_H
+#define KOVDSK_STORE_H
+
+#include "shared/shared.h"
+
+#include <cstdint>
+
+// Limits of the values a stored name carries, and the caller buffers of the
+// parser (value plus terminator).
+constexpr int KOVDSK_FNAME_BUF = 33;
+constexpr int KOVDSK_STAG_BUF = 17;
+constexpr int KOVDSK_LTAG_BUF = 65;
+constexpr int KOVDSK_DEADLINE_BUF = 11;
+constexpr int KOVDSK_USER_SIZE = 64;      // users count by their first 63 bytes
+constexpr int KOVDSK_USER_HEX_BUF = 136;  // the splitter's user buffer
+constexpr int KOVDSK_PASS_HEX_BUF = 40;   // the splitter's pass buffer
+
+// ---- Codec (codec.cpp) ---------------------------------------------------
+
+// Upper-case hex of at most size - 1 source bytes; always terminated.
+// Returns the characters written.
+int KovDskHexEnc(const char *src, char *dst, int size);
+// Hex text back to bytes, upper or lower case, terminated. Cannot fail.
+int KovDskHexDec(const char *src, char *dst);
+// The stored name into out (256 bytes, zeroed first). -1 with EINVAL for an
+// empty name, a kind of 256 or more, or no output.
+int KovDskNameBuild(unsigned kind, const char *name, const char *short_tag,
+                    const char *long_tag, const char *deadline, int tmp, char *out);
+// The values back from a stored name; every output may be NULL. -1 with
+// EINVAL for no name, a field with no closing delimiter, or a field longer
+// than its value's limit.
+int KovDskNameParse(const char *stored, int *kind, char *name, char *short_tag,
+                    char *long_tag, char *deadline, int *tmp);
+
+// ---- Areas and links (area.cpp) -------------------------------------------
+
+// Selectors an operation accepts, as a set of bits.
+constexpr unsigned KOVDSK_AREAS_WRITE = 1u << 0 | 1u << 1 | 1u << 3;
+constexpr unsigned KOVDSK_AREAS_ALL = 1u << 0 | 1u << 1 | 1u << 2 | 1u << 3;
+
+// The area path of a selector ("general", "uid/<id>", "usr/<user>",
+// "usr/<user>/<pass>") into a buffer of KOVDSK_PATH_MAX bytes. -1 with EINVAL
+// for a selector outside `accepted`, or a NULL user where one is needed.
+int KovDskAreaPath(char *out, unsigned area, uint64_t id, const char *user,
+                   uint64_t pass, unsigned accepted);
+// "usr/" + the user in hex, encoded at the given size.
+void KovDskUserPath(char *out, const char *user, int size);
+
+// Stored names in an area that match: mode 1 exact, 2 prefix, else all;
+// symlinks only with the link flag. The last match goes to out (256 bytes).
+int KovDskNameFind(const char *area, unsigned kind, const char *name, char *out,
+                   int mode, int linkflag);
+// ".../usr/<user>/<pass>/<file>" taken apart. -1 with EINVAL.
+int KovDskPathSplit(const char *path, char *user, char *pass, char *file);
+// The links of a pass area's file in "general" and in its user's directory.
+int KovDskLinkMake(const char *fullpath);
+// The real file behind a link, under the root of the table.
+int KovDskLinkResolve(const char *link, char *out);
+
+// ---- Leaving the store (trash.cpp, shred.cpp) -----------------------------
+
+// Removes a regular file, or moves it to ".trash" in trash mode.
+int KovDskDiscard(const char *fullpath);
+// Takes a pass area's file with both links and emptied directories.
+int KovDskLinkedDel(const char *path);
+// Runs shred on a file; its exit code, or -1.
+int KovDskShredRun(const char *path, int passes, int zero, long long size, int unlink);
+
+#endif // KOVDSK_STORE_H
