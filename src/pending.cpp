@@ -17,12 +17,6 @@ int KovDskNotYet()
 }
 } // namespace
 
-int KovDskWriteOpen(const char *, const char *, const char *, unsigned int, unsigned int, uint64_t, const char *, uint64_t, int, const char *) { return KovDskNotYet(); }
-int KovDskWrite(int, const void *, unsigned int) { return KovDskNotYet(); }
-int KovDskWriteClose(int) { return KovDskNotYet(); }
-int KovDskReadOpen(const char *, unsigned int, unsigned int, uint64_t, const char *, uint64_t) { return KovDskNotYet(); }
-int KovDskRead(int, void *, unsigned int) { return KovDskNotYet(); }
-int KovDskReadClose(int) { return KovDskNotYet(); }
 int KovDskDel(const char *, uint32_t, int32_t, uint32_t, uint64_t, const char *, uint64_t) { return KovDskNotYet(); }
 int KovDskTimeDel(void) { return KovDskNotYet(); }
 int KovDskTmpDel(void) { return KovDskNotYet(); }

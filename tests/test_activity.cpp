@@ -22,7 +22,7 @@ std::vector<int> Told()
 struct Seen {
     int op = -1, acc = -1, tbl = -1, calls = 0;
 } seen;
-void Look(const char *, const char *)
+void Look(const CallInfo &)
 {
     seen.op = KovDskGetOperationFlg();
     seen.acc = AccTbl->acc_cnt;

@@ -61,6 +61,10 @@ inline bool KovDskAttached()
     return false;
 }
 
+// A slot's 33-byte name field against a caller's name, as strcmp would see
+// them: the field reads as a text of at most 33 bytes (its filler is zero).
+bool KovDskSlotNameIs(const char *field, const char *name);
+
 // ---- Scope guards -----------------------------------------------------------
 // Destroyed in reverse order of construction, which is the release order the
 // locking rules ask for: operation counter, then table lock, then activity.

@@ -71,6 +71,12 @@ bool KovDskAnyStreamOpen()
 
 } // namespace
 
+bool KovDskSlotNameIs(const char *field, const char *name)
+{
+    size_t n = strnlen(field, KOVDSK_NAME_FIELD);
+    return strlen(name) == n && memcmp(field, name, n) == 0;
+}
+
 int KovDskSemOp(int semid, int step)
 {
     struct sembuf op;

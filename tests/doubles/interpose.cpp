@@ -56,6 +56,7 @@ struct Hook {
     int times;      // failures still to give once triggered (-1: for ever)
     int err;
     bool failing;
+    size_t only_size;  // 0: every call counts
 };
 Hook hooks[H_COUNT];
 kovtest::Spy spy_fn;
@@ -70,12 +71,15 @@ int HookByName(const char *name)
 }
 
 // True when this call is to fail; errno is then set.
-bool Fail(HookId id, const char *path = nullptr)
+bool Fail(HookId id, const char *path = nullptr, int fd = -1, const void *buf = nullptr,
+          size_t count = 0)
 {
     Hook &h = hooks[id];
     h.calls++;
     if (spy_fn != nullptr && spy_hook == id)
-        spy_fn(kHookNames[id], path);
+        spy_fn(kovtest::CallInfo{kHookNames[id], path, fd, buf, count});
+    if (h.only_size != 0 && count != h.only_size)
+        return false;
     if (!h.failing && h.countdown > 0 && --h.countdown == 0)
         h.failing = true;
     if (!h.failing)
@@ -106,7 +110,8 @@ unsigned long told_request[kMaxTold];
 
 namespace kovtest {
 
-Fault::Fault(const char *name, int err, int nth, int times) : hook_(HookByName(name))
+Fault::Fault(const char *name, int err, int nth, int times, size_t only_size)
+    : hook_(HookByName(name))
 {
     if (hook_ < 0)
         return;
@@ -115,6 +120,7 @@ Fault::Fault(const char *name, int err, int nth, int times) : hook_(HookByName(n
     h.times = times;
     h.err = err;
     h.failing = false;
+    h.only_size = only_size;
 }
 
 Fault::~Fault()
@@ -159,14 +165,14 @@ extern "C" {
 
 void *malloc(size_t size)
 {
-    if (Fail(H_malloc))
+    if (Fail(H_malloc, nullptr, -1, nullptr, size))
         return nullptr;
     return __libc_malloc(size);
 }
 
 void *realloc(void *ptr, size_t size)
 {
-    if (Fail(H_realloc))
+    if (Fail(H_realloc, nullptr, -1, nullptr, size))
         return nullptr;
     return __libc_realloc(ptr, size);
 }
@@ -213,13 +219,13 @@ int close(int fd)
 ssize_t read(int fd, void *buf, size_t n)
 {
     REAL(read);
-    return Fail(H_read) ? -1 : real(fd, buf, n);
+    return Fail(H_read, nullptr, fd, buf, n) ? -1 : real(fd, buf, n);
 }
 
 ssize_t write(int fd, const void *buf, size_t n)
 {
     REAL(write);
-    return Fail(H_write) ? -1 : real(fd, buf, n);
+    return Fail(H_write, nullptr, fd, buf, n) ? -1 : real(fd, buf, n);
 }
 
 int stat(const char *path, struct stat *st)

@@ -10,17 +10,22 @@
 #ifndef KOVTEST_INTERPOSE_H
 #define KOVTEST_INTERPOSE_H
 
+#include <cstddef>
+
 namespace kovtest {
 
 // Makes the nth call of a system or allocator function (counted from the
 // moment of construction) fail with err, for `times` calls in a row
 // (-1: every call from then on). Disarmed when it goes out of scope.
+// With `only_size`, only calls of that size (malloc, realloc) or length
+// (read, write) count: the C library allocates inside opendir and the like,
+// which a test may want to pass by.
 // Names: malloc realloc open creat close read write stat lstat fstat mkdir
 // chmod remove rename utime sync semop semget semctl shmget shmat ftok ioctl
 // opendir symlink readlink fork waitpid fcntl.
 class Fault {
 public:
-    Fault(const char *name, int err, int nth = 1, int times = 1);
+    Fault(const char *name, int err, int nth = 1, int times = 1, size_t only_size = 0);
     ~Fault();
     Fault(const Fault &) = delete;
     Fault &operator=(const Fault &) = delete;
@@ -31,9 +36,18 @@ private:
 // How often a function has been called since the executable started.
 long Calls(const char *name);
 
-// Runs spy (with the call's first argument as text, where it has one) each
-// time the named function is about to be called. One spy at a time.
-using Spy = void (*)(const char *name, const char *path);
+// What a spy is told of a call that is about to be made.
+struct CallInfo {
+    const char *name;
+    const char *path;  // the path argument, where the call has one
+    int fd;            // the descriptor argument of read and write, else -1
+    const void *buf;   // their buffer
+    size_t count;      // their length
+};
+
+// Runs spy each time the named function is about to be called. One spy at
+// a time.
+using Spy = void (*)(const CallInfo &call);
 class OnCall {
 public:
     OnCall(const char *name, Spy spy);

@@ -1,0 +1,170 @@
+/*
+ * read.cpp - a stored file read as a stream. Blocks of 4096 bytes come from
+ * the disk with O_DIRECT into the slot's aligned buffer; what the caller
+ * does not take of a block waits there for the next call. O_DIRECT is
+ * dropped before the first read that would reach past the last whole block.
+ *
+ * An open read stream counts as activity from open to close. KovDskRead and
+ * KovDskReadClose also serve the direct read streams, whose slots look the
+ * same.
+ */
+#include "stream/stream.h"
+
+#include "store/store.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// The work under the table lock: a free slot, the file, its descriptor and
+// buffer. The slot's used stays 0 on every failure.
+int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
+{
+    int slot = -1;
+    for (int i = 0; i < KOVDSK_SLOTS && slot < 0; i++)
+        if (AccTbl->rd[i].used == 0)
+            slot = i;
+    if (slot < 0) {
+        errno = ENFILE;
+        return -1;
+    }
+    KovDskAccRdEnt &r = AccTbl->rd[slot];
+    if (KovDskNameFind(areapath, kind, name, r.file, 1, 1) == 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    char path[KOVDSK_PATH_MAX];
+    if (KovDskSlotPath(path, areapath, r.file) == -1)
+        return -1;
+    struct stat st;
+    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+        char link[KOVDSK_PATH_MAX];
+        strcpy(link, path);
+        KovDskLinkResolve(link, path);  // on failure the link's own path stays
+    }
+
+    int fd = open(path, O_RDONLY | O_DIRECT);
+    if (fd == -1)
+        return -1;
+    r.fd = fd;
+    strncpy(r.name, name, sizeof r.name);
+    r.kind = static_cast<int>(kind);
+    strcpy(r.dir, areapath);  // an area path is short
+    char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
+    if (raw == nullptr || stat(path, &st) == -1) {
+        KovDskErrnoKeeper keep;
+        free(raw);
+        close(fd);
+        return -1;
+    }
+    r.rawbuf = raw;
+    r.buf = KovDskAlignBlock(raw);
+    memset(raw, 0, KOVDSK_RAWBUF);
+    r.fill = 0;
+    r.pos = 0;
+    r.used = 1;
+    r.remain = static_cast<uint64_t>(static_cast<int64_t>(st.st_size));
+    return slot;
+}
+
+} // namespace
+
+int KovDskReadOpen(const char *name, unsigned int kind, unsigned int area, uint64_t id,
+                   const char *user, uint64_t pass)
+{
+    if (!KovDskAttached())
+        return -1;
+    if (KovDskNoText(name) || kind >= 256) {
+        errno = EINVAL;
+        return -1;
+    }
+    char areapath[KOVDSK_PATH_MAX];
+    if (KovDskAreaPath(areapath, area, id, user, pass, KOVDSK_AREAS_ALL) == -1)
+        return -1;
+    int slot;
+    {
+        KovDskTableLock lock;
+        slot = KovDskReadOpenLocked(name, kind, areapath);
+    }
+    if (slot >= 0)
+        KovDskAccUpdate(+1);  // until the close
+    return slot;
+}
+
+int KovDskRead(int handle, void *buffer, unsigned int length)
+{
+    if (!KovDskAttached())
+        return -1;
+    if (buffer == nullptr || length == 0 || static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
+        errno = EINVAL;
+        return -1;
+    }
+    KovDskAccRdEnt &r = AccTbl->rd[handle];
+    if (r.used != 1) {
+        errno = ENFILE;
+        return -1;
+    }
+
+    char *out = static_cast<char *>(buffer);
+    uint32_t f = r.fill, p = r.pos, d = 0;
+    if (f != 0) {  // first what the last block still holds
+        uint32_t n = f < length ? f : length;
+        memcpy(out, r.buf + p, n);
+        p += n;
+        if (p >= KOVDSK_BLOCK)
+            p = 0;
+        f -= n;
+        d = n;
+    }
+    while (d < length) {
+        uint32_t want = length - d < KOVDSK_BLOCK ? length - d : KOVDSK_BLOCK;
+        if (r.remain < KOVDSK_BLOCK) {
+            int flags = fcntl(r.fd, F_GETFL);
+            if (flags != -1)
+                fcntl(r.fd, F_SETFL, flags & ~O_DIRECT);
+        }
+        ssize_t n = read(r.fd, r.buf, KOVDSK_BLOCK);  // always a whole block
+        if (n == 0)
+            break;
+        if (n == -1)
+            return -1;  // fill and pos stay as they were
+        uint32_t got = static_cast<uint32_t>(n);
+        uint32_t give = got > want ? want : got;
+        f = got - give;
+        p = got > want ? want : 0;
+        memcpy(out + d, r.buf, give);
+        d += give;
+        r.remain -= got;
+    }
+    r.pos = p;
+    r.fill = f;
+    return static_cast<int>(d);
+}
+
+int KovDskReadClose(int handle)
+{
+    if (!KovDskAttached())
+        return -1;
+    if (static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
+        errno = EINVAL;
+        return -1;
+    }
+    KovDskAccRdEnt &r = AccTbl->rd[handle];
+    if (r.used != 1) {
+        errno = ENOENT;
+        return -1;
+    }
+    int fd = r.fd;
+    {
+        KovDskTableLock lock;
+        free(r.rawbuf);
+        memset(&r, 0, sizeof r);
+        ++AccTbl->accessed;
+    }
+    KovDskAccUpdate(-1);
+    return close(fd);
+}

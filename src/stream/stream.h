@@ -1,0 +1,30 @@
+/*
+ * stream.h - what the stored-file streams and the direct streams share:
+ * the aligned block buffer of a slot and the block loop that writes whole
+ * 4096-byte blocks with O_DIRECT.
+ *
+ * write_open.cpp brings a file into the store and claims a write slot,
+ * write.cpp carries and closes the stream, read.cpp reads a stored file.
+ */
+#ifndef KOVDSK_STREAM_H
+#define KOVDSK_STREAM_H
+
+#include "shared/shared.h"
+
+#include <cstdint>
+
+constexpr unsigned KOVDSK_RAWBUF = 2 * KOVDSK_BLOCK;  // room for one aligned block
+
+// The 4096-aligned block inside an 8192-byte heap block: raw itself when
+// aligned, else raw rounded down to a multiple of 4096, plus 4096.
+char *KovDskAlignBlock(char *raw);
+
+// Gathers length bytes of data behind the *fill bytes waiting in buf, and
+// writes every block that fills up to fd, whole and from buf. 0, or -1 with
+// write's errno; *fill then keeps its value from before the failing block.
+int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length);
+
+// root + "/" + dir + "/" + file into a path buffer; -1 with ENAMETOOLONG.
+int KovDskSlotPath(char *out, const char *dir, const char *file);
+
+#endif // KOVDSK_STREAM_H

@@ -1,0 +1,189 @@
+/*
+ * write_open.cpp - the one way a new file comes into the store. In one step
+ * under the table lock it refuses a file that is in use, takes the older
+ * file of the same name and kind out of the way, makes the area's
+ * directories, creates the file under its stored name with its links, and
+ * claims a write slot. When it returns, the file exists with its final name
+ * and a length of 0.
+ */
+#include "stream/stream.h"
+
+#include "store/store.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct KovDskNewFile {
+    const char *name, *short_tag, *long_tag, *deadline;
+    unsigned kind, area;
+    int tmp;
+    char areapath[KOVDSK_PATH_MAX];
+    char full[KOVDSK_PATH_MAX];  // set once the file exists
+};
+
+// Every stream on this area path, file name and kind: EALREADY for a
+// writer, EAGAIN for a reader. Else the first free write slot, or ENFILE.
+int KovDskClaimWriteSlot(const KovDskNewFile &nf)
+{
+    int free_slot = -1;
+    for (int i = 0; i < KOVDSK_SLOTS; i++) {
+        const KovDskAccWrEnt &w = AccTbl->wr[i];
+        if (w.used != 1) {
+            if (free_slot < 0)
+                free_slot = i;
+        } else if (strcmp(w.dir, nf.areapath) == 0 && KovDskSlotNameIs(w.name, nf.name) &&
+                   w.kind == static_cast<int>(nf.kind)) {
+            errno = EALREADY;
+            return -1;
+        }
+    }
+    for (const KovDskAccRdEnt &r : AccTbl->rd) {
+        if (r.used == 1 && strcmp(r.dir, nf.areapath) == 0 && KovDskSlotNameIs(r.name, nf.name) &&
+            r.kind == static_cast<int>(nf.kind)) {
+            errno = EAGAIN;
+            return -1;
+        }
+    }
+    if (free_slot < 0)
+        errno = ENFILE;
+    return free_slot;
+}
+
+// The full path of the namesake that a search of `area` reports, if any.
+bool KovDskNamesake(const char *area, const KovDskNewFile &nf, char *path)
+{
+    char found[KOVDSK_STORED_MAX];
+    return KovDskNameFind(area, nf.kind, nf.name, found, 1, 1) > 0 &&
+           KovDskSlotPath(path, area, found) == 0;
+}
+
+// Each directory of the area path that is missing, shortest prefix first.
+int KovDskMakeAreaDirs(const char *areapath)
+{
+    char prefix[KOVDSK_PATH_MAX];
+    size_t len = strlen(areapath);
+    for (size_t end = 0; end <= len; end++) {
+        if (areapath[end] != '/' && areapath[end] != '\0')
+            continue;
+        memcpy(prefix, areapath, end);
+        prefix[end] = '\0';
+        char full[KOVDSK_PATH_MAX];
+        struct stat st;
+        if (KovDskFullPath(full, prefix) == 0 && stat(full, &st) == 0 && S_ISDIR(st.st_mode))
+            continue;
+        if (KovDskMkDir(prefix) == -1 && errno != EEXIST)
+            return -1;
+    }
+    return 0;
+}
+
+// The work under the table lock. On a failed allocation *undo asks the
+// caller to remove the new file once the lock is released.
+int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
+{
+    int slot = KovDskClaimWriteSlot(nf);
+    if (slot < 0)
+        return -1;
+    KovDskActivity busy;
+    KovDskAccWrEnt &w = AccTbl->wr[slot];
+
+    // The older file of this name and kind goes, from "general" whichever
+    // area the new one is for, then from the target area. The removals'
+    // results are not looked at: the new file comes regardless.
+    char old[KOVDSK_PATH_MAX];
+    struct stat st;
+    if (KovDskNamesake("general", nf, old)) {
+        bool link = lstat(old, &st) == 0 && S_ISLNK(st.st_mode);
+        link ? KovDskLinkedDel(old) : KovDskDiscard(old);
+    }
+    if (KovDskNamesake(nf.areapath, nf, old))
+        nf.area == 3 ? KovDskLinkedDel(old) : KovDskDiscard(old);
+
+    if (KovDskMakeAreaDirs(nf.areapath) == -1)
+        return -1;
+    memset(w.file, 0, sizeof w.file);
+    if (KovDskNameBuild(nf.kind, nf.name, nf.short_tag, nf.long_tag, nf.deadline, nf.tmp, w.file) == -1)
+        return -1;
+    if (KovDskSlotPath(nf.full, nf.areapath, w.file) == -1)
+        return -1;
+    int fd = open(nf.full, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd == -1)
+        return -1;
+    close(fd);
+    KovDskStamp(nf.full);
+    sync();
+    if (nf.area == 3 && KovDskLinkMake(nf.full) == -1)
+        return -1;  // the file stays, empty, with the links made so far
+
+    if (nf.kind != 6) {
+        char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
+        if (raw == nullptr) {
+            *undo = true;
+            return -1;
+        }
+        w.rawbuf = raw;
+        w.buf = KovDskAlignBlock(raw);
+        memset(raw, 0, KOVDSK_RAWBUF);
+        w.fill = 0;
+    }
+    w.used = 1;
+    strncpy(w.name, nf.name, sizeof w.name);
+    w.tmp = nf.tmp;
+    w.kind = static_cast<int>(nf.kind);
+    strcpy(w.dir, nf.areapath);  // an area path is short
+    sync();
+    return slot;
+}
+
+bool KovDskIsDeadline(const char *d)
+{
+    if (d == nullptr || strlen(d) != 10)
+        return false;
+    for (int i = 0; i < 10; i++)
+        if (!isdigit(static_cast<unsigned char>(d[i])))
+            return false;
+    return true;
+}
+
+} // namespace
+
+int KovDskWriteOpen(const char *name, const char *short_tag, const char *long_tag,
+                    unsigned int kind, unsigned int area, uint64_t id, const char *user,
+                    uint64_t pass, int tmp, const char *deadline)
+{
+    if (!KovDskAttached())
+        return -1;
+    if (KovDskNoText(name) || kind >= 256) {
+        errno = EINVAL;
+        return -1;
+    }
+    KovDskNewFile nf = {};
+    if (KovDskAreaPath(nf.areapath, area, id, user, pass, KOVDSK_AREAS_WRITE) == -1)
+        return -1;
+    nf.name = name;
+    nf.short_tag = short_tag;
+    nf.long_tag = long_tag;
+    nf.deadline = KovDskIsDeadline(deadline) ? deadline : nullptr;  // else none, no error
+    nf.kind = kind;
+    nf.area = area;
+    nf.tmp = tmp != 0;
+
+    bool undo = false;
+    int slot;
+    {
+        KovDskTableLock lock;
+        slot = KovDskOpenLocked(nf, &undo);
+    }
+    if (undo) {
+        KovDskErrnoKeeper keep;
+        remove(nf.full);  // outside the lock; the links, if any, stay
+    }
+    return slot;
+}
