@@ -7,6 +7,9 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <sys/types.h>
+#include <kovdsk.h>
+#include <ctime>
 
 namespace {
 
@@ -42,13 +45,37 @@ TEST(Build, LibraryExportsExactlyTheApi)
 {
     std::set<std::string> want = HeaderNames();
     EXPECT_EQ(want.size(), 55u);  // 50 operations and 5 objects
-    std::string nm = Capture(std::string("nm -D --defined-only ") + KOVTEST_LIBRARY);
-    ASSERT_FALSE(nm.empty()) << "nm is needed (binutils)";
+    // readelf reads the ELF of any target, the cross-built one too.
+    std::string syms = Capture(std::string("readelf --dyn-syms -W ") + KOVTEST_LIBRARY);
+    ASSERT_FALSE(syms.empty()) << "readelf is needed (binutils)";
     std::set<std::string> got;
-    std::regex line(R"(\S+\s+\w\s+(\S+))");
-    for (std::sregex_iterator it(nm.begin(), nm.end(), line), end; it != end; ++it)
+    // Num: Value Size Type Bind Vis Ndx Name. Exported: global or weak, and
+    // defined (a section index). The local section symbol that the MIPS ABI
+    // puts in the table is no export.
+    std::regex line(R"(\d+:\s+\S+\s+\d+\s+\w+\s+(?:GLOBAL|WEAK)\s+\w+\s+(?:\d+|ABS)\s+(\S+))");
+    for (std::sregex_iterator it(syms.begin(), syms.end(), line), end; it != end; ++it)
         got.insert((*it)[1].str());
     EXPECT_EQ(got, want);
+}
+
+TEST(Build, ErrorNumbersAndSizesOfTheTarget)
+{
+    EXPECT_EQ(EINIT, 141);
+#if defined(__mips__)
+    EXPECT_EQ(EALREADY, 149);  // the target's own number
+    EXPECT_EQ(sizeof(void *), 4u);
+    EXPECT_EQ(sizeof(off_t), 4u);
+    EXPECT_EQ(sizeof(time_t), 4u);
+    EXPECT_EQ(sizeof(KovDskAccTbl), 287128u);
+    EXPECT_EQ(sizeof(KovDskAccWrEnt), 4420u);
+    EXPECT_EQ(sizeof(KovDskAccRdEnt), 4424u);
+    std::string head = Capture(std::string("readelf -h ") + KOVTEST_LIBRARY);
+    EXPECT_NE(head.find("ELF32"), std::string::npos) << head;
+    EXPECT_NE(head.find("little endian"), std::string::npos) << head;
+    EXPECT_NE(head.find("MIPS"), std::string::npos) << head;
+#endif
+    EXPECT_EQ(sizeof(KovDskListEnt), 152u);
+    EXPECT_EQ(sizeof(KovDskDirEnt), 272u);
 }
 
 TEST(Build, SonameAndDateComponentDependency)
