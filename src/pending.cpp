@@ -17,16 +17,6 @@ int KovDskNotYet()
 }
 } // namespace
 
-int KovDskDel(const char *, uint32_t, int32_t, uint32_t, uint64_t, const char *, uint64_t) { return KovDskNotYet(); }
-int KovDskTimeDel(void) { return KovDskNotYet(); }
-int KovDskTmpDel(void) { return KovDskNotYet(); }
-int KovDskList(const char *, uint32_t, uint32_t, uint64_t, const char *, uint64_t, uint32_t, KovDskListRes *, uint32_t) { return KovDskNotYet(); }
-int KovDskUidList(uint32_t, uint32_t *, uint64_t **) { return KovDskNotYet(); }
-int KovDskUsrList(uint32_t, uint32_t *, char **) { return KovDskNotYet(); }
-int KovDskPasList(uint32_t, const char *, uint32_t *, uint64_t **) { return KovDskNotYet(); }
-int KovDskRmnFle(const char *) { return KovDskNotYet(); }
-int KovDskPasCheck(const char *, uint32_t, uint32_t *, void *) { return KovDskNotYet(); }
-int KovDskGetRealFileName(const char *, uint32_t, uint32_t, uint64_t, const char *, uint64_t, char *) { return KovDskNotYet(); }
 int KovDskWriteOpenDirect(const char *, uint32_t) { return KovDskNotYet(); }
 int KovDskWriteDirect(uint32_t, const void *, uint32_t) { return KovDskNotYet(); }
 int KovDskWriteCloseDirect(uint32_t) { return KovDskNotYet(); }

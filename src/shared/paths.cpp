@@ -23,6 +23,26 @@ int KovDskFullPath(char *out, const char *rel)
     return 0;
 }
 
+bool KovDskJoin(char *out, const char *dir, const char *name)
+{
+    int n = snprintf(out, KOVDSK_PATH_MAX, "%s/%s", dir, name);
+    if (n < 0 || n >= KOVDSK_PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    return true;
+}
+
+int KovDskEntryPath(char *out, const char *rel_dir, const char *name)
+{
+    int n = snprintf(out, KOVDSK_PATH_MAX, "%s/%s/%s", AccTbl->root, rel_dir, name);
+    if (n < 0 || n >= KOVDSK_PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return 0;
+}
+
 int KovDskPathArg(const char *rel, char *full)
 {
     if (!KovDskAttached())

@@ -39,6 +39,13 @@ int KovDskAccUpdate(int step);
 // -1 with ENAMETOOLONG if it would not fit.
 int KovDskFullPath(char *out, const char *rel);
 
+// dir + "/" + name into a path buffer; false, with ENAMETOOLONG, if it would
+// not fit. The one join of a directory walk.
+bool KovDskJoin(char *out, const char *dir, const char *name);
+
+// root + "/" + rel_dir + "/" + name; -1 with ENAMETOOLONG.
+int KovDskEntryPath(char *out, const char *rel_dir, const char *name);
+
 // Gives the file at a full path the date component's present time.
 int KovDskStamp(const char *fullpath);
 

@@ -23,17 +23,6 @@
 
 namespace {
 
-// dir + "/" + name into a path buffer; false with ENAMETOOLONG if too long.
-bool KovDskJoin(char *out, const char *dir, const char *name)
-{
-    int n = snprintf(out, KOVDSK_PATH_MAX, "%s/%s", dir, name);
-    if (n < 0 || n >= KOVDSK_PATH_MAX) {
-        errno = ENAMETOOLONG;
-        return false;
-    }
-    return true;
-}
-
 bool KovDskMatches(int mode, unsigned kind, const char *name, int got_kind, const char *got_name)
 {
     if (mode == 1)

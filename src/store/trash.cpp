@@ -50,7 +50,7 @@ bool KovDskFirstGarbage(KovDskDir &trash, const char *trashdir, char *path)
 {
     while (const char *entry = trash.next()) {
         struct stat st;
-        if (snprintf(path, KOVDSK_PATH_MAX, "%s/%s", trashdir, entry) >= KOVDSK_PATH_MAX)
+        if (!KovDskJoin(path, trashdir, entry))
             continue;
         if (lstat(path, &st) == 0 && S_ISREG(st.st_mode))
             return true;

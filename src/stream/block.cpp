@@ -6,7 +6,6 @@
  */
 #include "stream/stream.h"
 
-#include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
@@ -46,14 +45,4 @@ int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_
         if (consumed >= length)
             return 0;
     }
-}
-
-int KovDskSlotPath(char *out, const char *dir, const char *file)
-{
-    int n = snprintf(out, KOVDSK_PATH_MAX, "%s/%s/%s", AccTbl->root, dir, file);
-    if (n < 0 || n >= KOVDSK_PATH_MAX) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    return 0;
 }

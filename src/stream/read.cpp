@@ -38,7 +38,7 @@ int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
         return -1;
     }
     char path[KOVDSK_PATH_MAX];
-    if (KovDskSlotPath(path, areapath, r.file) == -1)
+    if (KovDskEntryPath(path, areapath, r.file) == -1)
         return -1;
     struct stat st;
     if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {

@@ -24,7 +24,4 @@ char *KovDskAlignBlock(char *raw);
 // write's errno; *fill then keeps its value from before the failing block.
 int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length);
 
-// root + "/" + dir + "/" + file into a path buffer; -1 with ENAMETOOLONG.
-int KovDskSlotPath(char *out, const char *dir, const char *file);
-
 #endif // KOVDSK_STREAM_H

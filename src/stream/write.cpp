@@ -48,7 +48,7 @@ int KovDskAppend(KovDskAccWrEnt *w, int fd, const void *data, unsigned length)
 int KovDskFlushTail(KovDskAccWrEnt *w)
 {
     char path[KOVDSK_PATH_MAX];
-    if (KovDskSlotPath(path, w->dir, w->file) == -1)
+    if (KovDskEntryPath(path, w->dir, w->file) == -1)
         return -1;
     KovDskActivity busy;
     int fd = open(path, O_WRONLY | O_APPEND);
@@ -79,7 +79,7 @@ int KovDskWrite(int handle, const void *data, unsigned int length)
     if (w == nullptr)
         return -1;
     char path[KOVDSK_PATH_MAX];
-    if (KovDskSlotPath(path, w->dir, w->file) == -1)
+    if (KovDskEntryPath(path, w->dir, w->file) == -1)
         return -1;
 
     KovDskActivity busy;

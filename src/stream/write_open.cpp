@@ -61,7 +61,7 @@ bool KovDskNamesake(const char *area, const KovDskNewFile &nf, char *path)
 {
     char found[KOVDSK_STORED_MAX];
     return KovDskNameFind(area, nf.kind, nf.name, found, 1, 1) > 0 &&
-           KovDskSlotPath(path, area, found) == 0;
+           KovDskEntryPath(path, area, found) == 0;
 }
 
 // Each directory of the area path that is missing, shortest prefix first.
@@ -111,7 +111,7 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
     memset(w.file, 0, sizeof w.file);
     if (KovDskNameBuild(nf.kind, nf.name, nf.short_tag, nf.long_tag, nf.deadline, nf.tmp, w.file) == -1)
         return -1;
-    if (KovDskSlotPath(nf.full, nf.areapath, w.file) == -1)
+    if (KovDskEntryPath(nf.full, nf.areapath, w.file) == -1)
         return -1;
     int fd = open(nf.full, O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (fd == -1)

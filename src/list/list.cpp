@@ -1,0 +1,185 @@
+/*
+ * list.cpp - KovDskList: what one area holds. The directory is read once,
+ * every stored name decoded into a 152-byte record, filtered by kind, name
+ * prefix and deadline, and the array sorted three ways. Links count as the
+ * files they point to, with the real file's size and time.
+ *
+ * Beyond reading: filter 2 sweeps expired files first, and an area other
+ * than "general" in which nothing at all was seen is removed.
+ */
+#include "list/list.h"
+
+#include "shared/dir.h"
+#include "store/store.h"
+#include "sweep/sweep.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+int KovDskCmpKind(const KovDskListEnt *a, const KovDskListEnt *b)
+{
+    return a->kind < b->kind ? -1 : a->kind > b->kind;
+}
+
+int KovDskCmpKindNameTag(const void *pa, const void *pb)
+{
+    auto a = static_cast<const KovDskListEnt *>(pa), b = static_cast<const KovDskListEnt *>(pb);
+    int c = KovDskCmpKind(a, b);
+    if (c == 0)
+        c = strcmp(a->name, b->name);
+    return c != 0 ? c : strcmp(a->short_tag, b->short_tag);
+}
+
+int KovDskCmpKindTagName(const void *pa, const void *pb)
+{
+    auto a = static_cast<const KovDskListEnt *>(pa), b = static_cast<const KovDskListEnt *>(pb);
+    int c = KovDskCmpKind(a, b);
+    if (c == 0)
+        c = strcmp(a->short_tag, b->short_tag);
+    return c != 0 ? c : strcmp(a->name, b->name);
+}
+
+int KovDskCmpTime(const void *pa, const void *pb)
+{
+    auto a = static_cast<const KovDskListEnt *>(pa), b = static_cast<const KovDskListEnt *>(pb);
+    if (a->time != b->time)
+        return a->time < b->time ? -1 : 1;
+    return KovDskCmpKindNameTag(pa, pb);
+}
+
+int (*const kSorts[3])(const void *, const void *) = {
+    KovDskCmpKindNameTag, KovDskCmpKindTagName, KovDskCmpTime};
+
+struct KovDskScan {
+    const char *name;
+    unsigned kind, filter;
+    const char *now;
+    uint32_t seen, listed;
+    bool partial;
+};
+
+// One directory entry: its record appended to *entries when it passes.
+void KovDskListEntry(KovDskScan &scan, const char *dirpath, const char *entry,
+                     KovDskListRes *result)
+{
+    char path[KOVDSK_PATH_MAX];
+    struct stat st;
+    if (!KovDskJoin(path, dirpath, entry) ||
+        lstat(path, &st) != 0)
+        return;
+    if (S_ISLNK(st.st_mode)) {
+        char real[KOVDSK_PATH_MAX];
+        if (KovDskLinkResolve(path, real) != 0)
+            return;  // not even seen
+        lstat(real, &st);  // a vanished target leaves the link's own data
+    } else if (!S_ISREG(st.st_mode)) {
+        scan.seen++;
+        return;
+    }
+
+    int kind, tmp;
+    char fname[KOVDSK_FNAME_BUF], stag[KOVDSK_STAG_BUF], ltag[KOVDSK_LTAG_BUF];
+    char deadline[KOVDSK_DEADLINE_BUF];
+    int parsed = KovDskNameParse(entry, &kind, fname, stag, ltag, deadline, &tmp);
+    scan.seen++;
+    if (parsed != 0 || (scan.filter == 1 && KovDskExpired(scan.now, deadline)) ||
+        (scan.kind != 0 && static_cast<unsigned>(kind) != scan.kind) ||
+        (!KovDskNoText(scan.name) && strncmp(fname, scan.name, strlen(scan.name)) != 0))
+        return;
+
+    void *grown = realloc(result->entries, (scan.listed + 1) * sizeof(KovDskListEnt));
+    if (grown == nullptr) {
+        scan.partial = true;
+        return;
+    }
+    result->entries = static_cast<KovDskListEnt *>(grown);
+    KovDskListEnt &e = result->entries[scan.listed++];
+    memset(&e, 0, sizeof e);
+    memcpy(e.short_tag, stag, sizeof e.short_tag);
+    memcpy(e.long_tag, ltag, sizeof e.long_tag);
+    memcpy(e.name, fname, sizeof e.name);
+    e.kind = static_cast<uint32_t>(kind);
+    e.tmp = static_cast<uint32_t>(tmp);
+    memcpy(e.deadline, deadline, sizeof e.deadline);
+    e.time = static_cast<int32_t>(st.st_atime);
+    e.size = static_cast<int64_t>(st.st_size);
+    result->total += static_cast<uint64_t>(e.size);
+}
+
+// The scan under the table lock, with the activity counted.
+int KovDskListLocked(KovDskScan &scan, unsigned area, const char *areapath,
+                     KovDskListRes *result)
+{
+    char dirpath[KOVDSK_PATH_MAX];
+    if (KovDskFullPath(dirpath, areapath) == -1)
+        return -1;
+    KovDskDir dir(dirpath);
+    if (!dir.ok())  // an absent id or user area is an empty one
+        return area != 0 && errno == ENOENT ? 0 : -1;
+
+    result->entries = static_cast<KovDskListEnt *>(malloc(sizeof(KovDskListEnt)));
+    if (result->entries == nullptr)
+        return -1;
+    while (!scan.partial) {
+        const char *entry = dir.next();
+        if (entry == nullptr)
+            break;
+        KovDskListEntry(scan, dirpath, entry, result);
+    }
+    return 0;
+}
+
+} // namespace
+
+int KovDskList(const char *name, uint32_t kind, uint32_t area, uint64_t id, const char *user,
+               uint64_t pass, uint32_t filter, KovDskListRes *result, uint32_t sort)
+{
+    if (filter == 2 && KovDskTimeDel() != 0)
+        return -1;  // the header is not touched
+    if (result == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    result->count = 0;
+    result->total = 0;
+    if (!KovDskAttached())
+        return -1;
+    if (kind >= 256 || filter >= 3 || sort >= 3) {
+        errno = EINVAL;
+        return -1;
+    }
+    char areapath[KOVDSK_PATH_MAX], now[KOVDSK_NOW_BUF];
+    if (KovDskAreaPath(areapath, area, id, user, pass, KOVDSK_AREAS_ALL) == -1 ||
+        KovDskNowText(now) == -1)
+        return -1;
+
+    KovDskTableLock lock;
+    KovDskActivity busy;
+    KovDskScan scan = {name, kind, filter, now, 0, 0, false};
+    result->entries = nullptr;
+    if (KovDskListLocked(scan, area, areapath, result) == -1) {
+        result->total = 0;
+        return -1;
+    }
+    if (scan.listed != 0) {
+        result->count = scan.listed;
+        qsort(result->entries, scan.listed, sizeof(KovDskListEnt), kSorts[sort]);
+    } else {
+        free(result->entries);
+        result->entries = nullptr;
+        result->total = 0;
+        char dirpath[KOVDSK_PATH_MAX];
+        // Nothing at all in it: an area other than "general" goes.
+        if (scan.seen == 0 && area != 0 && KovDskFullPath(dirpath, areapath) == 0) {
+            KovDskErrnoKeeper keep;
+            remove(dirpath);
+        }
+    }
+    sync();
+    return scan.partial ? 1 : 0;
+}
