@@ -13,6 +13,7 @@
 #define _POSIX_C_SOURCE 200809L
 #include <kovdsk.h>
 
+#include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -123,6 +124,60 @@ static int road_of_one_file(const char *root)
     return 0;
 }
 
+static int list_area(const char *title, unsigned area)
+{
+    KovDskListRes res;
+    if (KovDskList(NULL, 0, area, 0, "abc", 1, 0, &res, 0) < 0)
+        return fail("KovDskList");
+    printf("  %s: %u file(s), %llu bytes\n", title, res.count, (unsigned long long)res.total);
+    for (unsigned i = 0; i < res.count; i++) {
+        const KovDskListEnt *e = &res.entries[i];
+        printf("    \"%s\" kind %u, tags \"%s\" / \"%s\", deadline %s, %lld bytes\n",
+               e->name, e->kind, e->short_tag, e->long_tag, e->deadline, (long long)e->size);
+    }
+    if (res.count)
+        free(res.entries);
+    return 0;
+}
+
+static void show_tree(const char *root)
+{
+    const char *dirs[] = { "general", "usr", "usr/616263", "usr/616263/0000000000000001" };
+    for (size_t i = 0; i < 4; i++) {
+        char path[700];
+        snprintf(path, sizeof path, "%s/%s", root, dirs[i]);
+        DIR *d = opendir(path);
+        if (d == NULL) {
+            printf("    %-28s gone\n", dirs[i]);
+            continue;
+        }
+        int n = 0;
+        struct dirent *e;
+        while ((e = readdir(d)) != NULL)
+            n += strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0;
+        closedir(d);
+        printf("    %-28s %d entr%s\n", dirs[i], n, n == 1 ? "y" : "ies");
+    }
+}
+
+/* The listings see the file from its pass area and through "general"; a
+ * delete by rule takes it with both links and the emptied directories. */
+static int list_and_delete(const char *root)
+{
+    printf("7. The pass area and \"general\" are listed.\n");
+    if (list_area("usr/616263/0000000000000001", 3) || list_area("general", 0))
+        return 1;
+    printf("8. The file is deleted by rule: name \"report\", kind 42, in \"general\".\n");
+    printf("  before:\n");
+    show_tree(root);
+    if (KovDskDel("report", 42, 1, 0, 0, NULL, 0) != 0)
+        return fail("KovDskDel");
+    printf("  after:\n");
+    show_tree(root);
+    counters("at the end:");
+    return 0;
+}
+
 /* What a restart does to the table: it is gone. */
 static void reboot(void)
 {
@@ -179,6 +234,8 @@ int main(int argc, char **argv)
     counters("at the end:");
 
     int rc = road_of_one_file(root);
+    if (rc == 0)
+        rc = list_and_delete(root);
     reboot();
     if (made_root) {
         char cmd[600];

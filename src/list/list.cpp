@@ -82,9 +82,10 @@ void KovDskListEntry(KovDskScan &scan, const char *dirpath, const char *entry,
         return;
     }
 
-    int kind, tmp;
-    char fname[KOVDSK_FNAME_BUF], stag[KOVDSK_STAG_BUF], ltag[KOVDSK_LTAG_BUF];
-    char deadline[KOVDSK_DEADLINE_BUF];
+    // Zeroed, so that the record holds nothing behind each text's end.
+    int kind = 0, tmp = 0;
+    char fname[KOVDSK_FNAME_BUF] = {}, stag[KOVDSK_STAG_BUF] = {}, ltag[KOVDSK_LTAG_BUF] = {};
+    char deadline[KOVDSK_DEADLINE_BUF] = {};
     int parsed = KovDskNameParse(entry, &kind, fname, stag, ltag, deadline, &tmp);
     scan.seen++;
     if (parsed != 0 || (scan.filter == 1 && KovDskExpired(scan.now, deadline)) ||
