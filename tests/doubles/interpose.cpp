@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -23,6 +24,7 @@
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <utime.h>
 
@@ -97,6 +99,12 @@ F Real(const char *name)
 }
 #define REAL(name) static auto real = Real<decltype(&::name)>(#name)
 
+// ---- The system log -------------------------------------------------------
+constexpr int kMaxLog = 64;
+int logged;
+int log_priority[kMaxLog];
+char log_line[kMaxLog][256];
+
 // ---- The activity device ------------------------------------------------
 constexpr char kDevice[] = "/dev/KovDevDat";
 constexpr int kMaxTold = 256;
@@ -148,6 +156,13 @@ OnCall::~OnCall()
     spy_fn = nullptr;
     spy_hook = -1;
 }
+
+namespace log {
+void Clear() { logged = 0; }
+int Count() { return logged; }
+int Priority(int i) { return i < logged ? log_priority[i] : -1; }
+const char *Line(int i) { return i < logged ? log_line[i] : ""; }
+} // namespace log
 
 namespace device {
 void Attach(bool present) { dev_present = present; }
@@ -381,6 +396,17 @@ int fcntl(int fd, int cmd, ...)
     void *arg = va_arg(ap, void *);
     va_end(ap);
     return Fail(H_fcntl) ? -1 : real(fd, cmd, arg);
+}
+
+void syslog(int priority, const char *format, ...)
+{
+    if (logged >= kMaxLog)
+        return;
+    va_list ap;
+    va_start(ap, format);
+    vsnprintf(log_line[logged], sizeof log_line[logged], format, ap);
+    va_end(ap);
+    log_priority[logged++] = priority;
 }
 
 } // extern "C"

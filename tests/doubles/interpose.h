@@ -56,6 +56,15 @@ public:
     OnCall &operator=(const OnCall &) = delete;
 };
 
+// The system log: what the library sends to syslog is recorded here (and
+// not passed on, so tests leave the machine's log alone).
+namespace log {
+void Clear();
+int Count();
+int Priority(int i);
+const char *Line(int i);  // the formatted message
+}
+
 // The activity device /dev/KovDevDat. Absent unless a test attaches it.
 namespace device {
 void Attach(bool present);           // the node is there (or not)
