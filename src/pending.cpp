@@ -7,8 +7,6 @@
  */
 #include "shared/shared.h"
 
-char filecmp_buf[256];
-
 namespace {
 int KovDskNotYet()
 {
@@ -17,13 +15,6 @@ int KovDskNotYet()
 }
 } // namespace
 
-int KovDskWriteOpenDirect(const char *, uint32_t) { return KovDskNotYet(); }
-int KovDskWriteDirect(uint32_t, const void *, uint32_t) { return KovDskNotYet(); }
-int KovDskWriteCloseDirect(uint32_t) { return KovDskNotYet(); }
-int KovDskReadOpenDirect(const char *) { return KovDskNotYet(); }
-int KovDskReadDirect(int, void *, unsigned int) { return KovDskNotYet(); }
-int KovDskReadCloseDirect(int) { return KovDskNotYet(); }
-int KovDskDirList(const char *, const char *, KovDskDirRes *, uint32_t) { return KovDskNotYet(); }
 int KovDskSetPasswd(const char *, const char *, unsigned char) { return KovDskNotYet(); }
 int KovDskUnlockPasswd(const char *, const char *, unsigned char) { return KovDskNotYet(); }
 int KovDskDisablePasswd(const char *, const char *, unsigned char) { return KovDskNotYet(); }
@@ -32,4 +23,3 @@ int KovDskGetIdentify(const char *, void *) { return KovDskNotYet(); }
 int KovDskFdisk(const char *, int32_t, uint32_t, uint32_t, uint32_t, uint32_t) { return KovDskNotYet(); }
 int KovDskFormat(const char *, int32_t, int32_t) { return KovDskNotYet(); }
 int KovDskChk(const char *) { return KovDskNotYet(); }
-int KovDskVup001(const char *, uint64_t) { return KovDskNotYet(); }

@@ -30,11 +30,12 @@
 
 extern "C" void *__libc_malloc(size_t);
 extern "C" void *__libc_realloc(void *, size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
 
 namespace {
 
 #define KOVTEST_HOOKS(X) \
-    X(malloc) X(realloc) X(open) X(creat) X(close) X(read) X(write) X(stat) \
+    X(malloc) X(calloc) X(realloc) X(open) X(creat) X(close) X(read) X(write) X(stat) \
     X(lstat) X(fstat) X(mkdir) X(chmod) X(remove) X(rename) X(utime) X(sync) \
     X(semop) X(semget) X(semctl) X(shmget) X(shmat) X(ftok) X(ioctl) \
     X(opendir) X(symlink) X(readlink) X(fork) X(waitpid) X(fcntl)
@@ -183,6 +184,13 @@ void *malloc(size_t size)
     if (Fail(H_malloc, nullptr, -1, nullptr, size))
         return nullptr;
     return __libc_malloc(size);
+}
+
+void *calloc(size_t n, size_t size)
+{
+    if (Fail(H_calloc, nullptr, -1, nullptr, n * size))
+        return nullptr;
+    return __libc_calloc(n, size);
 }
 
 void *realloc(void *ptr, size_t size)

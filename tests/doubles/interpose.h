@@ -17,10 +17,10 @@ namespace kovtest {
 // Makes the nth call of a system or allocator function (counted from the
 // moment of construction) fail with err, for `times` calls in a row
 // (-1: every call from then on). Disarmed when it goes out of scope.
-// With `only_size`, only calls of that size (malloc, realloc) or length
+// With `only_size`, only calls of that size (malloc, calloc, realloc) or length
 // (read, write) count: the C library allocates inside opendir and the like,
 // which a test may want to pass by.
-// Names: malloc realloc open creat close read write stat lstat fstat mkdir
+// Names: malloc calloc realloc open creat close read write stat lstat fstat mkdir
 // chmod remove rename utime sync semop semget semctl shmget shmat ftok ioctl
 // opendir symlink readlink fork waitpid fcntl.
 class Fault {
