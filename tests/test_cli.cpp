@@ -39,7 +39,7 @@ Result Kovdsk(std::vector<std::string> args, const std::string &input_file = "")
     std::vector<std::string> argv;
     if (getenv("KOVTEST_EMULATED") != nullptr) {
         std::stringstream runner(KOVTEST_RUNNER);
-        for (std::string word; std::getline(runner, word, ';');)
+        for (std::string word; std::getline(runner, word, '|');)
             argv.push_back(word);
     }
     argv.push_back(KOVTEST_KOVDSK);

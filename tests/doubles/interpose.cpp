@@ -4,12 +4,15 @@
  * definition (found with dlsym RTLD_NEXT; the allocator through glibc's
  * __libc_ entry points, since dlsym itself allocates) unless a Fault is
  * armed on it. "/dev/KovDevDat" is answered here by the activity device
- * double, which records what the library tells it.
+ * double, which records what the library tells it; requests on an image
+ * file attached to the drive double go to that double (drive.cpp).
  *
  * Everything here must be safe to run in a forked child and must not
  * allocate: the hooks are plain static arrays.
  */
 #include "doubles/interpose.h"
+
+#include "doubles/drive.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -38,7 +41,8 @@ namespace {
     X(malloc) X(calloc) X(realloc) X(open) X(creat) X(close) X(read) X(write) X(stat) \
     X(lstat) X(fstat) X(mkdir) X(chmod) X(remove) X(rename) X(utime) X(sync) \
     X(semop) X(semget) X(semctl) X(shmget) X(shmat) X(ftok) X(ioctl) \
-    X(opendir) X(symlink) X(readlink) X(fork) X(waitpid) X(fcntl)
+    X(opendir) X(symlink) X(readlink) X(fork) X(waitpid) X(fcntl) X(lseek) \
+    X(explicit_bzero) X(usleep)
 
 enum HookId {
 #define X(n) H_##n,
@@ -220,7 +224,10 @@ int open(const char *path, int flags, ...)
     }
     if (Fail(H_open, path))
         return -1;
-    return real(path, flags, mode);
+    int fd = real(path, flags, mode);
+    if (fd != -1)
+        kovtest::drive::Opened(path, fd);
+    return fd;
 }
 
 int creat(const char *path, mode_t mode)
@@ -236,6 +243,7 @@ int close(int fd)
         dev_fd = -1;
     else if (Fail(H_close))
         return -1;
+    kovtest::drive::Closed(fd);
     return real(fd);
 }
 
@@ -363,7 +371,11 @@ int ioctl(int fd, unsigned long request, ...)
         }
         return 0;
     }
-    return Fail(H_ioctl) ? -1 : real(fd, request, arg);
+    if (Fail(H_ioctl))
+        return -1;
+    if (kovtest::drive::Owns(fd))
+        return kovtest::drive::Ioctl(request, arg);
+    return real(fd, request, arg);
 }
 
 DIR *opendir(const char *path)
@@ -404,6 +416,27 @@ int fcntl(int fd, int cmd, ...)
     void *arg = va_arg(ap, void *);
     va_end(ap);
     return Fail(H_fcntl) ? -1 : real(fd, cmd, arg);
+}
+
+off_t lseek(int fd, off_t offset, int whence)
+{
+    REAL(lseek);
+    return Fail(H_lseek, nullptr, fd) ? -1 : real(fd, offset, whence);
+}
+
+// A spy sees the bytes before they are wiped.
+void explicit_bzero(void *buf, size_t n)
+{
+    REAL(explicit_bzero);
+    Fail(H_explicit_bzero, nullptr, -1, buf, n);  // cannot fail; counted
+    real(buf, n);
+}
+
+// A spy is told the pause, in microseconds, as the call's length.
+int usleep(useconds_t usec)
+{
+    REAL(usleep);
+    return Fail(H_usleep, nullptr, -1, nullptr, usec) ? -1 : real(usec);
 }
 
 void syslog(int priority, const char *format, ...)

@@ -22,7 +22,8 @@ namespace kovtest {
 // which a test may want to pass by.
 // Names: malloc calloc realloc open creat close read write stat lstat fstat mkdir
 // chmod remove rename utime sync semop semget semctl shmget shmat ftok ioctl
-// opendir symlink readlink fork waitpid fcntl.
+// opendir symlink readlink fork waitpid fcntl lseek usleep; explicit_bzero
+// cannot fail, but is counted and spied on.
 class Fault {
 public:
     Fault(const char *name, int err, int nth = 1, int times = 1, size_t only_size = 0);
@@ -40,9 +41,9 @@ long Calls(const char *name);
 struct CallInfo {
     const char *name;
     const char *path;  // the path argument, where the call has one
-    int fd;            // the descriptor argument of read and write, else -1
-    const void *buf;   // their buffer
-    size_t count;      // their length
+    int fd;            // the descriptor argument of read, write and lseek, else -1
+    const void *buf;   // their buffer; explicit_bzero's too
+    size_t count;      // their length; explicit_bzero's; usleep's microseconds
 };
 
 // Runs spy each time the named function is about to be called. One spy at
