@@ -28,15 +28,20 @@ public:
     // The next entry's name, or nullptr at the end.
     const char *next()
     {
-        while (struct dirent *e = readdir(dir_)) {
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-                return e->d_name;
+        while ((last_ = readdir(dir_)) != nullptr) {
+            if (strcmp(last_->d_name, ".") != 0 && strcmp(last_->d_name, "..") != 0)
+                return last_->d_name;
         }
         return nullptr;
     }
 
+    // The type of that entry as the directory tells it (DT_REG, DT_LNK...),
+    // which saves an lstat; DT_UNKNOWN where the file system does not say.
+    unsigned char type() const { return last_->d_type; }
+
 private:
     DIR *dir_;
+    struct dirent *last_ = nullptr;
 };
 
 #endif // KOVDSK_DIR_H
