@@ -79,7 +79,7 @@ static int road_of_one_file(const char *root)
         if (KovDskWrite(h, text + done, (unsigned)pieces[i]) < 0)
             return fail("KovDskWrite");
         done += pieces[i];
-        char path[700];
+        char path[2 * KOVDSK_PATH_MAX];
         snprintf(path, sizeof path, "%s/%s", AccTbl->wr[h].dir, AccTbl->wr[h].file);
         printf("  wrote %zu bytes: %d on disk, %u waiting\n", pieces[i],
                KovDskFileSize(path), AccTbl->wr[h].fill);

@@ -31,9 +31,22 @@
 #include <unistd.h>
 #include <utime.h>
 
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *__libc_realloc(void *, size_t);
-extern "C" void *__libc_calloc(size_t, size_t);
+// The allocator hooks. Normally they replace malloc and its kin for the
+// whole process and pass on to the C library's allocator. Under the
+// sanitizers, whose allocator must own every block and is not ready when
+// the dynamic loader first allocates, the test executables are linked with
+// --wrap instead: only the calls of the code linked into them come here,
+// and go on to the sanitizer's allocator.
+#if defined(KOVTEST_WRAP_ALLOC)
+#define KOVTEST_ALLOC(name) __real_##name
+#define KOVTEST_HOOK(name) __wrap_##name
+#else
+#define KOVTEST_ALLOC(name) __libc_##name
+#define KOVTEST_HOOK(name) name
+#endif
+extern "C" void *KOVTEST_ALLOC(malloc)(size_t);
+extern "C" void *KOVTEST_ALLOC(realloc)(void *, size_t);
+extern "C" void *KOVTEST_ALLOC(calloc)(size_t, size_t);
 
 namespace {
 
@@ -183,25 +196,25 @@ unsigned long Request(int i) { return i < told ? told_request[i] : 0; }
 
 extern "C" {
 
-void *malloc(size_t size)
+void *KOVTEST_HOOK(malloc)(size_t size)
 {
     if (Fail(H_malloc, nullptr, -1, nullptr, size))
         return nullptr;
-    return __libc_malloc(size);
+    return KOVTEST_ALLOC(malloc)(size);
 }
 
-void *calloc(size_t n, size_t size)
+void *KOVTEST_HOOK(calloc)(size_t n, size_t size)
 {
     if (Fail(H_calloc, nullptr, -1, nullptr, n * size))
         return nullptr;
-    return __libc_calloc(n, size);
+    return KOVTEST_ALLOC(calloc)(n, size);
 }
 
-void *realloc(void *ptr, size_t size)
+void *KOVTEST_HOOK(realloc)(void *ptr, size_t size)
 {
     if (Fail(H_realloc, nullptr, -1, nullptr, size))
         return nullptr;
-    return __libc_realloc(ptr, size);
+    return KOVTEST_ALLOC(realloc)(ptr, size);
 }
 
 int open(const char *path, int flags, ...)
