@@ -173,3 +173,32 @@ TEST_F(Area, LinksHoldTheFullPathAndResolveUnderTheCurrentRoot)
     }
     EXPECT_EQ(Link("general/t2atn616263n.0"), real);
 }
+
+// A link's text may be anything: one whose pieces hold a ".." component
+// would resolve to a path that climbs out of its pass area, and out of the
+// root with enough of them (found by fuzz/link_resolve.cpp). It is refused,
+// the output untouched; dots that climb nowhere still resolve.
+TEST_F(Area, LinksThatWouldClimbOutAreRefused)
+{
+    char out[4096];
+    const char *climbing[] = {
+        "/r/usr/../../x",            // user and pass ".."
+        "/r/usr/u/../x",             // pass ".."
+        "/r/usr/u/p/../../../../x",  // in the file part
+        "/r/usr/u/p/a/..",
+        "/r/us/r/usr/./.././../",
+    };
+    int i = 0;
+    for (const char *text : climbing) {
+        std::string link = "general/climb" + std::to_string(i++);
+        ASSERT_EQ(symlink(text, Path(link).c_str()), 0);
+        memset(out, 'X', sizeof out);
+        errno = 0;
+        EXPECT_EQ(KovDskLinkResolve(Path(link).c_str(), out), -1) << text;
+        EXPECT_EQ(errno, EINVAL) << text;
+        EXPECT_EQ(out[0], 'X') << text;
+    }
+    ASSERT_EQ(symlink("/r/usr/./p/..x/a..", Path("general/dots").c_str()), 0);
+    ASSERT_EQ(KovDskLinkResolve(Path("general/dots").c_str(), out), 0);
+    EXPECT_EQ(std::string(out), Path("usr/./p/..x/a.."));
+}

@@ -65,6 +65,18 @@ bool KovDskEntryIs(const KovDskDir &dir, const char *dirpath, const char *entry,
     return type == DT_REG || (linkflag && type == DT_LNK);
 }
 
+// Whether a piece of a link's text has a ".." component. The path built
+// from such pieces would climb out of the pass area, and with enough of them
+// out of the root; no link of the library's making holds one (user and pass
+// texts are hex, a stored name has no "/").
+bool KovDskClimbs(const char *piece)
+{
+    for (const char *p = piece; (p = strstr(p, "..")) != nullptr; p += 2)
+        if ((p == piece || p[-1] == '/') && (p[2] == '\0' || p[2] == '/'))
+            return true;
+    return false;
+}
+
 } // namespace
 
 void KovDskUserPath(char *out, const char *user, int size)
@@ -173,6 +185,10 @@ int KovDskLinkResolve(const char *link, char *out)
     char user[KOVDSK_USER_HEX_BUF], pass[KOVDSK_PASS_HEX_BUF], file[KOVDSK_STORED_MAX];
     if (KovDskPathSplit(text, user, pass, file) == -1)
         return -1;
+    if (KovDskClimbs(user) || KovDskClimbs(pass) || KovDskClimbs(file)) {
+        errno = EINVAL;
+        return -1;
+    }
     // The root of the table, not the link's: links survive a move of the root.
     char rel[KOVDSK_PATH_MAX], real[KOVDSK_PATH_MAX];
     snprintf(rel, sizeof rel, "usr/%s/%s/%s", user, pass, file);
