@@ -240,3 +240,28 @@ TEST_F(Direct, ReadSideIsTheStoredFileReader)
     EXPECT_EQ(KovDskDel("f", 1, 1, 0, 0, nullptr, 0), 0);
     EXPECT_EQ(KovDskWriteCloseDirect(w), 0);
 }
+
+TEST_F(Direct, HandlesOfTheOtherKindOfStreamAreRefused)
+{
+    int store = KovDskWriteOpen("s", nullptr, nullptr, 1, 0, 0, nullptr, 0, 0, nullptr);
+    int direct = KovDskWriteOpenDirect("d", 0);
+    ASSERT_GE(store, 0);
+    ASSERT_GE(direct, 0);
+    long writes = Calls("write");
+    // A store stream keeps no descriptor: the direct calls must not write
+    // to descriptor 0 or close it.
+    EXPECT_EQ(KovDskWriteDirect(store, "x", 1), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(KovDskWriteCloseDirect(store), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(KovDskWrite(direct, "x", 1), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(KovDskWriteClose(direct), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Calls("write"), writes);
+    EXPECT_EQ(fcntl(0, F_GETFD), 0);
+    EXPECT_EQ(AccTbl->acc_cnt, 1);  // the direct stream's unit, still there
+    EXPECT_EQ(KovDskWriteClose(store), 0);
+    EXPECT_EQ(KovDskWriteCloseDirect(direct), 0);
+    ExpectAllFree();
+}

@@ -32,7 +32,8 @@ void KovDskSetDirect(int fd, bool on)
         fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT);
 }
 
-// The write slot of a handle in use, tested before the lock is taken.
+// The write slot of a direct stream's handle, tested before the lock is
+// taken; a store stream's handle is refused with EINVAL.
 KovDskAccWrEnt *KovDskDirectSlot(uint32_t handle)
 {
     if (handle >= KOVDSK_SLOTS) {
@@ -42,6 +43,10 @@ KovDskAccWrEnt *KovDskDirectSlot(uint32_t handle)
     KovDskAccWrEnt *w = &AccTbl->wr[handle];
     if (w->used != 1) {
         errno = ENOENT;
+        return nullptr;
+    }
+    if (w->dir[0] != '\0') {  // a store stream's handle: it keeps no descriptor
+        errno = EINVAL;
         return nullptr;
     }
     return w;

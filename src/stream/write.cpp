@@ -17,7 +17,8 @@
 
 namespace {
 
-// The slot of a handle, or nullptr with EINVAL (out of range) or ENOENT.
+// The slot of a store stream's handle, or nullptr with EINVAL (out of
+// range, or a direct stream's handle) or ENOENT (no stream).
 KovDskAccWrEnt *KovDskWriteSlot(int handle)
 {
     if (static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
@@ -27,6 +28,10 @@ KovDskAccWrEnt *KovDskWriteSlot(int handle)
     KovDskAccWrEnt *w = &AccTbl->wr[handle];
     if (w->used != 1) {
         errno = ENOENT;
+        return nullptr;
+    }
+    if (w->dir[0] == '\0') {  // a direct stream's handle: it has no area
+        errno = EINVAL;
         return nullptr;
     }
     return w;
