@@ -45,13 +45,15 @@ void KovDskDevTell(int32_t state)
 int KovDskAccUpdate(int step)
 {
     KovDskErrnoKeeper keep;
-    KovDskSemOp(KovDskAccSem_id, -1);
+    // The step is taken even if the take failed, so that every +1 keeps its
+    // -1; but a lock not taken is not released (it would stand at 2).
+    bool held = KovDskSemOp(KovDskAccSem_id, -1) == 0;
     int now = AccTbl->acc_cnt += step;
     // On the value, not on a change: 2 -> 1 tells "busy" again, and a step
     // of 0 repeats the state.
     if (now == 1 || now == 0)
         KovDskDevTell(now);
-    return KovDskSemOp(KovDskAccSem_id, +1);
+    return held ? KovDskSemOp(KovDskAccSem_id, +1) : -1;
 }
 
 int KovDskAccflg(int step)

@@ -87,13 +87,24 @@ private:
     int saved_;
 };
 
-// Holds the table lock for a scope. The release keeps errno.
+// Holds the table lock for a scope. The release keeps errno. A take that
+// fails (a signal in the wait) is not looked at and the work goes on, but
+// a lock not taken is not released: that would raise it to 2 and let two
+// processes in at once from then on.
 class KovDskTableLock {
 public:
-    KovDskTableLock() { KovDskSemOp(KovDskTblSem_id, -1); }
-    ~KovDskTableLock() { KovDskErrnoKeeper keep; KovDskSemOp(KovDskTblSem_id, +1); }
+    KovDskTableLock() : held_(KovDskSemOp(KovDskTblSem_id, -1) == 0) {}
+    ~KovDskTableLock()
+    {
+        if (held_) {
+            KovDskErrnoKeeper keep;
+            KovDskSemOp(KovDskTblSem_id, +1);
+        }
+    }
     KovDskTableLock(const KovDskTableLock &) = delete;
     KovDskTableLock &operator=(const KovDskTableLock &) = delete;
+private:
+    bool held_;
 };
 
 // Raises the operation counter for a scope; lives inside a table lock.

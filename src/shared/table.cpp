@@ -171,7 +171,10 @@ int KovDskOpenTblCheck(void)
 {
     if (!KovDskAttached())
         return -1;
-    KovDskSemOp(KovDskTblSem_id, -1);
+    // A lock this call did not get cannot be handed to the caller: a 0
+    // would have him release it, raising it to 2.
+    if (KovDskSemOp(KovDskTblSem_id, -1) == -1)
+        return -1;
     if (KovDskAnyStreamOpen()) {
         KovDskErrnoKeeper keep;
         KovDskSemOp(KovDskTblSem_id, +1);

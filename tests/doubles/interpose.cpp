@@ -82,6 +82,48 @@ Hook hooks[H_COUNT];
 kovtest::Spy spy_fn;
 int spy_hook = -1;
 
+// FaultAny: one countdown over every hook at once, and what it hit.
+struct AnyFault {
+    bool armed;
+    int countdown;
+    int err;  // 0: the errno that suits the call
+    long counted;
+    bool fired;
+    int hit;  // hook id
+    int hit_err;
+    char hit_path[256];
+    int hit_fd;
+    size_t hit_count;
+};
+AnyFault any;
+
+// The errno a failure of each call most plausibly gives, chosen so that it
+// takes the failure path itself rather than one that means "absent" or
+// "exists" (ENOENT, EEXIST) or one the library answers by another route
+// (ENOTTY, EINVAL from ioctl).
+int SuitedErrno(int id)
+{
+    switch (id) {
+    case H_malloc: case H_calloc: case H_realloc: case H_shmat:
+        return ENOMEM;
+    case H_close: case H_read: case H_write: case H_stat: case H_lstat: case H_fstat:
+    case H_readlink: case H_ioctl:
+        return EIO;
+    case H_mkdir: case H_creat: case H_symlink: case H_shmget: case H_semget:
+        return ENOSPC;
+    case H_semop: case H_usleep:
+        return EINTR;  // a signal during the wait
+    case H_fork:
+        return EAGAIN;
+    case H_waitpid:
+        return ECHILD;
+    case H_fcntl: case H_lseek: case H_semctl:
+        return EINVAL;
+    default:  // open, chmod, remove, rename, utime, ftok, opendir
+        return EACCES;
+    }
+}
+
 int HookByName(const char *name)
 {
     for (int i = 0; i < H_COUNT; i++)
@@ -90,14 +132,28 @@ int HookByName(const char *name)
     return -1;
 }
 
-// True when this call is to fail; errno is then set.
+// True when this call is to fail; errno is then set. A call that cannot
+// fail (failable false) is no fault point for FaultAny.
 bool Fail(HookId id, const char *path = nullptr, int fd = -1, const void *buf = nullptr,
-          size_t count = 0)
+          size_t count = 0, bool failable = true)
 {
     Hook &h = hooks[id];
     h.calls++;
     if (spy_fn != nullptr && spy_hook == id)
         spy_fn(kovtest::CallInfo{kHookNames[id], path, fd, buf, count});
+    if (any.armed && failable && !any.fired) {
+        any.counted++;
+        if (--any.countdown == 0) {
+            any.fired = true;
+            any.hit = id;
+            any.hit_err = any.err != 0 ? any.err : SuitedErrno(id);
+            snprintf(any.hit_path, sizeof any.hit_path, "%s", path != nullptr ? path : "");
+            any.hit_fd = fd;
+            any.hit_count = count;
+            errno = any.hit_err;
+            return true;
+        }
+    }
     if (h.only_size != 0 && count != h.only_size)
         return false;
     if (!h.failing && h.countdown > 0 && --h.countdown == 0)
@@ -155,6 +211,34 @@ Fault::~Fault()
         return;
     hooks[hook_].countdown = 0;
     hooks[hook_].failing = false;
+}
+
+FaultAny::FaultAny(int nth, int err)
+{
+    any = AnyFault{};
+    any.countdown = nth;
+    any.err = err;
+    any.hit = -1;
+    any.armed = nth > 0;
+}
+
+FaultAny::~FaultAny() { any.armed = false; }
+
+bool FaultAny::Fired() const { return any.fired; }
+
+long FaultAny::Counted() const { return any.counted; }
+
+FaultHit FaultAny::Hit() const
+{
+    if (!any.fired)
+        return FaultHit{nullptr, 0, "", -1, 0};
+    return FaultHit{kHookNames[any.hit], any.hit_err, any.hit_path, any.hit_fd, any.hit_count};
+}
+
+int SuitedErrno(const char *name)
+{
+    int id = HookByName(name);
+    return id < 0 ? 0 : ::SuitedErrno(id);
 }
 
 long Calls(const char *name)
@@ -252,10 +336,17 @@ int creat(const char *path, mode_t mode)
 int close(int fd)
 {
     REAL(close);
-    if (fd == dev_fd && fd != -1)
+    if (fd == dev_fd && fd != -1) {
         dev_fd = -1;
-    else if (Fail(H_close))
+    } else if (Fail(H_close)) {
+        // As Linux does: the descriptor is gone even when close reports an
+        // error, so a failed close leaks nothing.
+        int err = errno;
+        kovtest::drive::Closed(fd);
+        real(fd);
+        errno = err;
         return -1;
+    }
     kovtest::drive::Closed(fd);
     return real(fd);
 }
@@ -323,14 +414,16 @@ int utime(const char *path, const struct utimbuf *times)
 void sync(void)
 {
     REAL(sync);
-    Fail(H_sync);  // cannot fail; counted
+    Fail(H_sync, nullptr, -1, nullptr, 0, false);  // cannot fail; counted
     real();
 }
 
 int semop(int semid, struct sembuf *ops, size_t n)
 {
     REAL(semop);
-    return Fail(H_semop) ? -1 : real(semid, ops, n);
+    // A release never waits, so it is never interrupted: no fault point.
+    bool takes = n > 0 && ops != nullptr && ops[0].sem_op < 0;
+    return Fail(H_semop, nullptr, -1, nullptr, 0, takes) ? -1 : real(semid, ops, n);
 }
 
 int semget(key_t key, int n, int flags)
@@ -441,7 +534,7 @@ off_t lseek(int fd, off_t offset, int whence)
 void explicit_bzero(void *buf, size_t n)
 {
     REAL(explicit_bzero);
-    Fail(H_explicit_bzero, nullptr, -1, buf, n);  // cannot fail; counted
+    Fail(H_explicit_bzero, nullptr, -1, buf, n, false);  // cannot fail; counted
     real(buf, n);
 }
 

@@ -34,6 +34,42 @@ private:
     int hook_;
 };
 
+// What FaultAny made fail: the call's name, the errno it gave, and the
+// path, descriptor and size or length it was given (as CallInfo has them).
+struct FaultHit {
+    const char *name;  // nullptr while nothing failed
+    int err;
+    const char *path;  // "" for a call without one; valid until the next FaultAny
+    int fd;
+    size_t count;
+};
+
+// Makes the nth call from now of any hooked function fail once, whatever
+// its name: with err, or with err 0 with the errno that suits the call
+// (SuitedErrno). A loop that raises nth until nothing fails reaches every
+// call an operation makes. Calls that cannot fail are no fault points and
+// are not counted: sync, explicit_bzero, and a semop that releases a lock
+// (it never waits, so no signal interrupts it; it fails only once the set
+// is removed, and then no lock is left to keep). A failed close still
+// releases the descriptor, as Linux does. One at a time; disarmed when it
+// goes out of scope.
+class FaultAny {
+public:
+    explicit FaultAny(int nth, int err = 0);
+    ~FaultAny();
+    FaultAny(const FaultAny &) = delete;
+    FaultAny &operator=(const FaultAny &) = delete;
+    bool Fired() const;
+    FaultHit Hit() const;
+    long Counted() const;  // fault points passed so far, the failed one included
+};
+
+// ENOMEM for the allocators and shmat, EIO for read, write, close, the stats,
+// readlink and ioctl, ENOSPC for mkdir, creat, symlink, shmget and semget,
+// EINTR for semop and usleep, EAGAIN for fork, ECHILD for waitpid, EINVAL
+// for fcntl, lseek and semctl, EACCES for the rest; 0 for an unknown name.
+int SuitedErrno(const char *name);
+
 // How often a function has been called since the executable started.
 long Calls(const char *name);
 
