@@ -82,10 +82,7 @@ long KovDskWriteHead(KovDskAccWrEnt *w, const char *data, uint32_t size)
 
 int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full)
 {
-    int slot = -1;
-    for (int i = 0; i < KOVDSK_SLOTS && slot < 0; i++)
-        if (AccTbl->wr[i].used == 0)
-            slot = i;
+    int slot = KovDskFreeSlot(AccTbl->wr);
     if (slot < 0) {
         errno = ENFILE;
         return -1;
@@ -222,12 +219,10 @@ int KovDskReadOpenDirect(const char *path)
     if (KovDskFullPath(full, path) == -1)
         return -1;
 
-    int slot = -1;
+    int slot;
     {
         KovDskPathOp op;
-        for (int i = 0; i < KOVDSK_SLOTS && slot < 0; i++)
-            if (AccTbl->rd[i].used == 0)
-                slot = i;
+        slot = KovDskFreeSlot(AccTbl->rd);
         if (slot < 0) {
             errno = ENFILE;
             return -1;

@@ -40,11 +40,7 @@ int KovDskToolRun(const char *const *argv)
         _exit(execvp(argv[0], const_cast<char *const *>(argv)));
 
     int status;
-    pid_t got;
-    do
-        got = waitpid(child, &status, 0);
-    while (got == -1 && errno == EINTR);
-    if (got == -1)
+    if (KovDskWaitChild(child, &status) == -1)
         return -1;
     errno = saved;
     return WIFEXITED(status) ? WEXITSTATUS(status) : kKilled;

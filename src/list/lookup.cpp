@@ -66,11 +66,6 @@ int KovDskGetRealFileName(const char *name, uint32_t kind, uint32_t area, uint64
     }
     if (KovDskEntryPath(path, areapath, found) == -1)
         return -1;
-    struct stat st;
-    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
-        char link[KOVDSK_PATH_MAX];
-        strcpy(link, path);
-        KovDskLinkResolve(link, path);  // on failure the link's own path stays
-    }
+    KovDskResolveInPlace(path);
     return 0;
 }

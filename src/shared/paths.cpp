@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 int KovDskFullPath(char *out, const char *rel)
@@ -52,6 +53,15 @@ int KovDskPathArg(const char *rel, char *full)
         return -1;
     }
     return KovDskFullPath(full, rel);
+}
+
+int KovDskWaitChild(int child, int *status)
+{
+    pid_t got;
+    do
+        got = waitpid(child, status, 0);
+    while (got == -1 && errno == EINTR);
+    return got == -1 ? -1 : 0;
 }
 
 int KovDskMkDir(const char *rel)

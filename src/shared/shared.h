@@ -57,6 +57,11 @@ int KovDskMkDir(const char *rel);
 // ENAMETOOLONG.
 int KovDskPathArg(const char *rel, char *full);
 
+// Waits for a child of the library's own; an interrupted wait is issued
+// again, so the child's status is never left unread. -1 with errno if the
+// wait fails otherwise.
+int KovDskWaitChild(int child, int *status);
+
 inline bool KovDskNoText(const char *s) { return s == nullptr || *s == '\0'; }
 
 // False, with errno EINIT, in a process that is not attached.

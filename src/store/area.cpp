@@ -198,3 +198,13 @@ int KovDskLinkResolve(const char *link, char *out)
     strcpy(out, real);
     return 0;
 }
+
+void KovDskResolveInPlace(char *path)
+{
+    struct stat st;
+    if (lstat(path, &st) != 0 || !S_ISLNK(st.st_mode))
+        return;
+    char link[KOVDSK_PATH_MAX];
+    strcpy(link, path);
+    KovDskLinkResolve(link, path);  // leaves path untouched when it fails
+}

@@ -43,11 +43,7 @@ int KovDskShredRun(const char *path, int passes, int zero, long long size, int u
     }
 
     int status;
-    pid_t got;
-    do
-        got = waitpid(child, &status, 0);
-    while (got == -1 && errno == EINTR);
-    if (got == -1)
+    if (KovDskWaitChild(child, &status) == -1)
         return -1;
     int result = WIFSIGNALED(status) ? -1 : WEXITSTATUS(status);
     KovDskErrnoKeeper keep;

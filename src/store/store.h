@@ -67,6 +67,9 @@ int KovDskPathSplit(const char *path, char *user, char *pass, char *file);
 int KovDskLinkMake(const char *fullpath);
 // The real file behind a link, under the root of the table.
 int KovDskLinkResolve(const char *link, char *out);
+// A path that names a link becomes the real file's path; on a failure, or
+// for anything but a link, the path stays as it is.
+void KovDskResolveInPlace(char *path);
 
 // ---- Leaving the store (trash.cpp, shred.cpp) -----------------------------
 

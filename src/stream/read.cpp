@@ -24,10 +24,7 @@ namespace {
 // buffer. The slot's used stays 0 on every failure.
 int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
 {
-    int slot = -1;
-    for (int i = 0; i < KOVDSK_SLOTS && slot < 0; i++)
-        if (AccTbl->rd[i].used == 0)
-            slot = i;
+    int slot = KovDskFreeSlot(AccTbl->rd);
     if (slot < 0) {
         errno = ENFILE;
         return -1;
@@ -40,12 +37,7 @@ int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
     char path[KOVDSK_PATH_MAX];
     if (KovDskEntryPath(path, areapath, r.file) == -1)
         return -1;
-    struct stat st;
-    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
-        char link[KOVDSK_PATH_MAX];
-        strcpy(link, path);
-        KovDskLinkResolve(link, path);  // on failure the link's own path stays
-    }
+    KovDskResolveInPlace(path);
 
     int fd = open(path, O_RDONLY | O_DIRECT);
     if (fd == -1)
@@ -55,6 +47,7 @@ int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
     r.kind = static_cast<int>(kind);
     strcpy(r.dir, areapath);  // an area path is short
     char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
+    struct stat st;
     if (raw == nullptr || stat(path, &st) == -1) {
         KovDskErrnoKeeper keep;
         free(raw);

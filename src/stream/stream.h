@@ -19,6 +19,16 @@ constexpr unsigned KOVDSK_RAWBUF = 2 * KOVDSK_BLOCK;  // room for one aligned bl
 // aligned, else raw rounded down to a multiple of 4096, plus 4096.
 char *KovDskAlignBlock(char *raw);
 
+// The lowest free slot of a slot array, or -1.
+template <typename Slot>
+int KovDskFreeSlot(const Slot (&slots)[KOVDSK_SLOTS])
+{
+    for (int i = 0; i < KOVDSK_SLOTS; i++)
+        if (slots[i].used == 0)
+            return i;
+    return -1;
+}
+
 // Gathers length bytes of data behind the *fill bytes waiting in buf, and
 // writes every block that fills up to fd, whole and from buf. 0, or -1 with
 // write's errno; *fill then keeps its value from before the failing block.
