@@ -117,9 +117,7 @@ int KovDskListLocked(KovDskScan &scan, unsigned area, const char *areapath,
                      KovDskListRes *result)
 {
     char dirpath[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(dirpath, areapath) == -1)
-        return -1;
-    KovDskDir dir(dirpath);
+    KovDskDir dir(areapath, dirpath);
     if (!dir.ok())  // an absent id or user area is an empty one
         return area != 0 && errno == ENOENT ? 0 : -1;
 

@@ -13,6 +13,12 @@
 class KovDskDir {
 public:
     explicit KovDskDir(const char *path) : dir_(opendir(path)) {}
+
+    // A directory below the root: its full path goes to fullpath (a path
+    // buffer), for the joins of the walk. Not ok, with ENAMETOOLONG, if the
+    // path would not fit.
+    KovDskDir(const char *rel, char *fullpath)
+        : dir_(KovDskFullPath(fullpath, rel) == 0 ? opendir(fullpath) : nullptr) {}
     ~KovDskDir()
     {
         if (dir_ != nullptr) {

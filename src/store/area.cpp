@@ -112,9 +112,7 @@ int KovDskNameFind(const char *area, unsigned kind, const char *name, char *out,
                    int mode, int linkflag)
 {
     char dirpath[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(dirpath, area) == -1)
-        return 0;
-    KovDskDir dir(dirpath);
+    KovDskDir dir(area, dirpath);
     if (!dir.ok())
         return 0;
 

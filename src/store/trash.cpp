@@ -24,11 +24,9 @@ namespace {
 int KovDskPruneDir(const char *rel)
 {
     char path[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(path, rel) == -1)
-        return -1;
     bool empty;
     {
-        KovDskDir dir(path);
+        KovDskDir dir(rel, path);
         if (!dir.ok())
             return -1;
         empty = dir.next() == nullptr;
@@ -138,9 +136,7 @@ int KovDskGbgIni(void)
         return 0;
     KovDskActivity busy;
     char trashdir[KOVDSK_PATH_MAX], path[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(trashdir, ".trash") == -1)
-        return -1;
-    KovDskDir trash(trashdir);
+    KovDskDir trash(".trash", trashdir);
     if (!trash.ok())
         return -1;
     AccTbl->gbg_flag = KovDskFirstGarbage(trash, trashdir, path) ? 1 : 0;
@@ -156,11 +152,9 @@ int KovDskFleSrd(void)
         return 0;
     KovDskActivity busy;
     char trashdir[KOVDSK_PATH_MAX], path[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(trashdir, ".trash") == -1)
-        return -1;
     int result;
     {
-        KovDskDir trash(trashdir);
+        KovDskDir trash(".trash", trashdir);
         if (!trash.ok())
             return -1;
         int before = errno;  // 0 and 1 leave errno as it was before the walk

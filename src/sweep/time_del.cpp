@@ -39,9 +39,7 @@ bool KovDskTakes(KovDskRule rule, const char *now, const char *entry, const char
 int KovDskSweepGeneral(KovDskRule rule, const char *now)
 {
     char dirpath[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(dirpath, "general") == -1)
-        return -1;
-    KovDskDir dir(dirpath);
+    KovDskDir dir("general", dirpath);
     if (!dir.ok())
         return -1;
     while (const char *entry = dir.next()) {
@@ -89,9 +87,7 @@ int KovDskSweepIdArea(KovDskRule rule, const char *now, const char *dirpath)
 int KovDskSweepIds(KovDskRule rule, const char *now)
 {
     char dirpath[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(dirpath, "uid") == -1)
-        return -1;
-    KovDskDir dir(dirpath);
+    KovDskDir dir("uid", dirpath);
     if (!dir.ok())
         return -1;
     while (const char *entry = dir.next()) {
@@ -109,9 +105,7 @@ int KovDskSweepIds(KovDskRule rule, const char *now)
 int KovDskSweepTrash()
 {
     char dirpath[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(dirpath, ".trash") == -1)
-        return -1;
-    KovDskDir dir(dirpath);
+    KovDskDir dir(".trash", dirpath);
     if (!dir.ok())
         return -1;
     while (const char *entry = dir.next()) {
