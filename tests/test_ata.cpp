@@ -32,8 +32,6 @@ const PasswdOp kPasswdOps[] = {
 
 const char kPw32[] = "0123456789abcdefghijklmnopqrstuv";
 
-std::string Zeros(size_t n) { return std::string(n, '\0'); }
-
 // What fn printed on standard output.
 std::string Printed(const std::function<void()> &fn)
 {

@@ -1,5 +1,7 @@
 // What the shared object shows to the dynamic linker: exactly the API, the
 // soname, and the date component as a dependency by its soname.
+#include "harness/boot.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -12,20 +14,6 @@
 #include <ctime>
 
 namespace {
-
-std::string Capture(const std::string &cmd)
-{
-    std::string out;
-    FILE *p = popen(cmd.c_str(), "r");
-    if (p == nullptr)
-        return out;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        out.append(buf, n);
-    pclose(p);
-    return out;
-}
 
 // Every operation and exported object the public header declares.
 std::set<std::string> HeaderNames()
@@ -46,7 +34,7 @@ TEST(Build, LibraryExportsExactlyTheApi)
     std::set<std::string> want = HeaderNames();
     EXPECT_EQ(want.size(), 55u);  // 50 operations and 5 objects
     // readelf reads the ELF of any target, the cross-built one too.
-    std::string syms = Capture(std::string("readelf --dyn-syms -W ") + KOVTEST_LIBRARY);
+    std::string syms = kovtest::Output(std::string("readelf --dyn-syms -W ") + KOVTEST_LIBRARY);
     ASSERT_FALSE(syms.empty()) << "readelf is needed (binutils)";
     std::set<std::string> got;
     // Num: Value Size Type Bind Vis Ndx Name. Exported: global or weak, and
@@ -69,7 +57,7 @@ TEST(Build, ErrorNumbersAndSizesOfTheTarget)
     EXPECT_EQ(sizeof(KovDskAccTbl), 287128u);
     EXPECT_EQ(sizeof(KovDskAccWrEnt), 4420u);
     EXPECT_EQ(sizeof(KovDskAccRdEnt), 4424u);
-    std::string head = Capture(std::string("readelf -h ") + KOVTEST_LIBRARY);
+    std::string head = kovtest::Output(std::string("readelf -h ") + KOVTEST_LIBRARY);
     EXPECT_NE(head.find("ELF32"), std::string::npos) << head;
     EXPECT_NE(head.find("little endian"), std::string::npos) << head;
     EXPECT_NE(head.find("MIPS"), std::string::npos) << head;
@@ -80,7 +68,7 @@ TEST(Build, ErrorNumbersAndSizesOfTheTarget)
 
 TEST(Build, SonameAndDateComponentDependency)
 {
-    std::string dyn = Capture(std::string("readelf -d ") + KOVTEST_LIBRARY);
+    std::string dyn = kovtest::Output(std::string("readelf -d ") + KOVTEST_LIBRARY);
     EXPECT_NE(dyn.find("Library soname: [libKovDsk.so.1]"), std::string::npos) << dyn;
     EXPECT_NE(dyn.find("Shared library: [libKovDate.so.1]"), std::string::npos) << dyn;
 }

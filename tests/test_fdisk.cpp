@@ -31,19 +31,6 @@ struct BigGeometry {
     unsigned long start;
 };
 
-// "00 01 FE ..." as bytes.
-std::string Hex(const char *spaced)
-{
-    std::string out;
-    std::istringstream in(spaced);
-    unsigned v;
-    while (in >> std::hex >> v)
-        out += static_cast<char>(v);
-    return out;
-}
-
-std::string Zeros(size_t n) { return std::string(n, '\0'); }
-
 // Bytes 446 to 511 of the two worked examples.
 const std::string kExample1 =
     Hex("00 01 01 00 83 FE 3F 81 3F 00 00 00 C3 DD 1F 00 "
@@ -53,21 +40,6 @@ const std::string kExample2 =
         "00 00 01 63 83 FE 7F 28 D0 85 01 00 A0 0B 03 00 "
         "00 00 41 29 83 FE FF E7 70 91 04 00 10 D0 0A 00") + Zeros(16) + Hex("55 AA");
 
-// What a command printed on standard output.
-std::string Output(const std::string &cmd)
-{
-    std::string out;
-    if (FILE *p = popen(cmd.c_str(), "r")) {
-        char buf[512];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        pclose(p);
-    }
-    return out;
-}
-
-bool Have(const char *tool) { return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0; }
 
 // "start size type" per partition, as sfdisk reads the table.
 std::string SfdiskParts(const std::string &dev)

@@ -27,23 +27,6 @@ constexpr char kFormatEnd[] = " HDD format terminated.";
 constexpr char kCheckStart[] = " HDD data check start...";
 constexpr char kCheckEnd[] = " HDD data check terminated.";
 
-bool Have(const char *tool)
-{
-    return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-std::string Output(const std::string &cmd)
-{
-    std::string out;
-    if (FILE *p = popen(cmd.c_str(), "r")) {
-        char buf[512];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-            out.append(buf, n);
-        pclose(p);
-    }
-    return out;
-}
 
 // The log lines written since the last Clear, one per line, each flagged
 // when it was not at LOG_INFO.

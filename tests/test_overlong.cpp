@@ -58,7 +58,7 @@ Case Gives(std::string what, std::function<Outcome()> call, int rc = 0)
     return {std::move(what), std::move(call), rc, 0};
 }
 
-std::string Hex(const std::string &s)
+std::string UpperHex(const std::string &s)
 {
     static const char digits[] = "0123456789ABCDEF";
     std::string out;
@@ -200,7 +200,7 @@ std::vector<Case> OverLong::StoreCases(const std::string &text)
 {
     const char *s = text.c_str();  // text lives as long as the cases
     const std::string name32 = text.substr(0, 32), user63 = text.substr(0, 63);
-    const std::string stored = "t01tn" + Hex(name32) + "n.0";
+    const std::string stored = "t01tn" + UpperHex(name32) + "n.0";
     auto write_close = [](int h) {
         EXPECT_EQ(KovDskWrite(h, "data", 4), 4);
         EXPECT_EQ(KovDskWriteClose(h), 0);
@@ -224,13 +224,13 @@ std::vector<Case> OverLong::StoreCases(const std::string &text)
         }),
         Gives("KovDskWriteOpen short tag", [=] {
             return Opened(KovDskWriteOpen("st", s, nullptr, 1, 0, 0, nullptr, 0, 0, nullptr), [&](int h) {
-                EXPECT_EQ(std::string(AccTbl->wr[h].file), "t01tn7374nf" + Hex(text.substr(0, 16)) + "f.0");
+                EXPECT_EQ(std::string(AccTbl->wr[h].file), "t01tn7374nf" + UpperHex(text.substr(0, 16)) + "f.0");
                 write_close(h);
             });
         }),
         Gives("KovDskWriteOpen long tag", [=] {
             return Opened(KovDskWriteOpen("lt", nullptr, s, 1, 0, 0, nullptr, 0, 0, nullptr), [&](int h) {
-                EXPECT_EQ(std::string(AccTbl->wr[h].file), "t01tn6C74ns" + Hex(text.substr(0, 64)) + "s.0");
+                EXPECT_EQ(std::string(AccTbl->wr[h].file), "t01tn6C74ns" + UpperHex(text.substr(0, 64)) + "s.0");
                 write_close(h);
             });
         }),
@@ -243,7 +243,7 @@ std::vector<Case> OverLong::StoreCases(const std::string &text)
             });
         }),
         Gives("KovDskWriteOpen user, and the pass area's road", [=, this] {
-            const std::string dir = "usr/" + Hex(user63) + "/0000000000000007";
+            const std::string dir = "usr/" + UpperHex(user63) + "/0000000000000007";
             Outcome o = Opened(KovDskWriteOpen("pu", nullptr, nullptr, 1, 3, 0, s, 7, 0, nullptr), [&](int h) {
                 EXPECT_EQ(std::string(AccTbl->wr[h].dir), dir);
                 write_close(h);
@@ -258,7 +258,7 @@ std::vector<Case> OverLong::StoreCases(const std::string &text)
             EXPECT_EQ(KovDskPasCheck("pu", 1, &flag, pass), 0);
             EXPECT_EQ(flag, 1u);
             EXPECT_EQ(KovDskDel("pu", 1, 1, 3, 0, s, 7), 0);
-            EXPECT_FALSE(Exists("usr/" + Hex(user63)));  // pruned with its last file
+            EXPECT_FALSE(Exists("usr/" + UpperHex(user63)));  // pruned with its last file
             return o;
         }),
         Fails("KovDskReadOpen name", [=] { return Result(KovDskReadOpen(s, 1, 0, 0, nullptr, 0)); }, ENOENT),
@@ -294,7 +294,7 @@ std::vector<Case> OverLong::StoreCases(const std::string &text)
         Gives("KovDskVup001 user", [=, this] {
             PutFile("general/t04tn6F6C64n.0", "old");
             Outcome o = Result(KovDskVup001(s, 1));
-            EXPECT_EQ(Content("usr/" + Hex(user63) + "/0000000000000001/t04tn6F6C64n.0"), "old");
+            EXPECT_EQ(Content("usr/" + UpperHex(user63) + "/0000000000000001/t04tn6F6C64n.0"), "old");
             EXPECT_EQ(KovDskDel("old", 4, 1, 3, 0, s, 1), 0);
             return o;
         }),

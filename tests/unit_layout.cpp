@@ -3,24 +3,15 @@
 // the fixed end address, 32-bit sizes, and what holds nothing.
 #include "drive/drive.h"
 
+#include "harness/boot.h"
+
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 
+using kovtest::Hex;
+using kovtest::Zeros;
+
 namespace {
-
-// "00 01 FE ..." as bytes.
-std::string Hex(const char *spaced)
-{
-    std::string out;
-    std::istringstream in(spaced);
-    unsigned v;
-    while (in >> std::hex >> v)
-        out += static_cast<char>(v);
-    return out;
-}
-
-std::string Zeros(size_t n) { return std::string(n, '\0'); }
 
 // The image as bytes; "refused" when the layout refuses with EINVAL.
 std::string Image(KovDskGeo geo, int count, uint32_t s1 = 0, uint32_t s2 = 0, uint32_t s3 = 0)

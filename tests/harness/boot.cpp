@@ -18,6 +18,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -198,6 +199,36 @@ long Utc(int year, int mon, int day, int hour, int min, int sec)
     t.tm_sec = sec;
     return static_cast<long>(timegm(&t));
 }
+
+std::string Output(const std::string &cmd)
+{
+    std::string out;
+    if (FILE *p = popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+            out.append(buf, n);
+        pclose(p);
+    }
+    return out;
+}
+
+bool Have(const char *tool)
+{
+    return system((std::string("command -v ") + tool + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+std::string Hex(const char *spaced)
+{
+    std::string out;
+    std::istringstream in(spaced);
+    unsigned v;
+    while (in >> std::hex >> v)
+        out += static_cast<char>(v);
+    return out;
+}
+
+std::string Zeros(size_t n) { return std::string(n, '\0'); }
 
 pid_t StartChild(const std::function<int()> &fn)
 {

@@ -55,6 +55,14 @@ void SetDiffer(long seconds);
 // Seconds since the epoch of a UTC date, for comparing file times.
 long Utc(int year, int mon, int day, int hour, int min, int sec);
 
+// What a shell command prints on standard output.
+std::string Output(const std::string &cmd);
+// Whether a tool is on PATH.
+bool Have(const char *tool);
+// "00 01 FE ..." as bytes, and n zero bytes: images of disk sectors.
+std::string Hex(const char *spaced);
+std::string Zeros(size_t n);
+
 // Runs fn in a forked child process; the child exits with fn's result.
 pid_t StartChild(const std::function<int()> &fn);
 // Waits for the child: its exit code, or -1 if a signal ended it.
