@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -24,6 +25,14 @@ void RecordWrite(const CallInfo &c)
 {
     int flags = fcntl(c.fd, F_GETFL);
     writes.push_back({c.count, flags != -1 && (flags & O_DIRECT) != 0});
+}
+
+// The table lock and the operation counter as a spied call found them.
+int lock_then = -1, ops_then = -1;
+void RecordLock(const CallInfo &)
+{
+    lock_then = semctl(KovDskTblSem_id, 0, GETVAL);
+    ops_then = AccTbl->op_cnt;
 }
 
 } // namespace
@@ -144,18 +153,28 @@ TEST_F(Direct, FailuresAndRefusals)
         Fault f("open", EMFILE);
         EXPECT_TRUE(fails(KovDskWriteOpenDirect("x", 0), ENFILE));
     }
-    // No memory: mode 0 removes what it truncated, mode 1 keeps the data.
+    // No memory: mode 1 keeps the data, mode 0 removes what it truncated.
+    // Both close the descriptor, and mode 0 removes, only once the counter
+    // is down and the table lock given back.
     PutFile("keep", "precious");
-    {
-        Fault f("malloc", ENOMEM, 1, 1, 8192);
-        EXPECT_TRUE(fails(KovDskWriteOpenDirect("keep", 1), ENOSPC));
+    for (const char *spied : {"close", "remove"}) {
+        for (uint32_t mode : {1u, 0u}) {
+            if (mode == 1 && strcmp(spied, "remove") == 0)
+                continue;
+            SCOPED_TRACE(std::string(spied) + " in mode " + std::to_string(mode));
+            lock_then = ops_then = -1;
+            OnCall spy(spied, RecordLock);
+            Fault f("malloc", ENOMEM, 1, 1, 8192);
+            EXPECT_TRUE(fails(KovDskWriteOpenDirect("keep", mode), ENOSPC));
+            EXPECT_EQ(lock_then, 1);
+            EXPECT_EQ(ops_then, 0);
+            EXPECT_EQ(Exists("keep"), mode == 1);
+            if (mode == 1)
+                EXPECT_EQ(Content("keep"), "precious");
+            else
+                PutFile("keep", "precious");
+        }
     }
-    EXPECT_EQ(Content("keep"), "precious");
-    {
-        Fault f("malloc", ENOMEM, 1, 1, 8192);
-        EXPECT_TRUE(fails(KovDskWriteOpenDirect("keep", 0), ENOSPC));
-    }
-    EXPECT_FALSE(Exists("keep"));
     PutFile("r", "read me");
     {
         Fault f("malloc", ENOMEM, 1, 1, 8192);
@@ -167,6 +186,42 @@ TEST_F(Direct, FailuresAndRefusals)
     }
     for (const KovDskAccWrEnt &w : AccTbl->wr)
         EXPECT_EQ(w.used, 0);
+    ExpectAllFree();
+}
+
+TEST_F(Direct, ShortBlocksCountAsTheyCome)
+{
+    // The first block takes 2048 bytes only: the rest is offered again in
+    // the next block, and nothing is lost.
+    std::string data = Pattern(10000, 4);
+    int h = KovDskWriteOpenDirect("s", 0);
+    ASSERT_GE(h, 0);
+    {
+        ShortWrite disk(1, 2048, 4096);
+        ASSERT_EQ(KovDskWriteDirect(h, data.data(), 10000), 10000);
+    }
+    EXPECT_EQ(Size("s"), 6144);
+    EXPECT_EQ(AccTbl->wr[h].fill, 3856u);
+    // A block that takes fewer than the bytes carried into it keeps the
+    // rest of them carried.
+    std::string more = Pattern(5000, 5);
+    {
+        ShortWrite disk(1, 1024, 4096);
+        ASSERT_EQ(KovDskWriteDirect(h, more.data(), 5000), 5000);
+    }
+    ASSERT_EQ(KovDskWriteCloseDirect(h), 0);
+    EXPECT_EQ(Content("s"), data + more);
+
+    // A stored file's stream refuses a short block: its file must stay on
+    // the grid its next O_DIRECT open needs.
+    int w = KovDskWriteOpen("f", nullptr, nullptr, 1, 0, 0, nullptr, 0, 0, nullptr);
+    ASSERT_GE(w, 0);
+    {
+        ShortWrite disk(1, 2048, 4096);
+        EXPECT_EQ(KovDskWrite(w, data.data(), 10000), -1);
+        EXPECT_EQ(errno, ENOSPC);
+    }
+    EXPECT_EQ(KovDskWriteClose(w), 0);
     ExpectAllFree();
 }
 
@@ -233,7 +288,23 @@ TEST_F(Direct, ReadSideIsTheStoredFileReader)
     EXPECT_EQ(KovDskReadClose(e), 0);
     ExpectAllFree();
 
-    // A direct stream protects no stored file: it has no name and no area.
+    // A direct stream protects no stored file: it has no name and no area,
+    // whatever a failed store read open left in the free slot it takes.
+    Put("a", 0, 0, 0, nullptr, 0, "x");
+    {
+        Fault f("malloc", ENOMEM, 1, 1, 8192);
+        EXPECT_EQ(KovDskReadOpen("a", 0, 0, 0, nullptr, 0), -1);
+    }
+    EXPECT_STREQ(AccTbl->rd[0].name, "a");
+    h = KovDskReadOpenDirect("r");
+    ASSERT_EQ(h, 0);
+    EXPECT_STREQ(AccTbl->rd[h].name, "");
+    EXPECT_STREQ(AccTbl->rd[h].dir, "");
+    EXPECT_STREQ(AccTbl->rd[h].file, "");
+    int a = KovDskWriteOpen("a", nullptr, nullptr, 0, 0, 0, nullptr, 0, 0, nullptr);
+    EXPECT_GE(a, 0) << strerror(errno);
+    EXPECT_EQ(KovDskWriteClose(a), 0);
+    EXPECT_EQ(KovDskReadCloseDirect(h), 0);
     Put("f", 1, 0, 0, nullptr, 0, "x");
     int w = KovDskWriteOpenDirect("general/t01tn66n.0", 1);
     ASSERT_GE(w, 0);

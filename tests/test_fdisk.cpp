@@ -31,7 +31,8 @@ struct BigGeometry {
     unsigned long start;
 };
 
-// Bytes 446 to 511 of the two worked examples.
+// Bytes 446 to 511 of the two worked examples, and of one head by 63
+// sectors with a size1 of one cylinder, which leaves partition 1 nothing.
 const std::string kExample1 =
     Hex("00 01 01 00 83 FE 3F 81 3F 00 00 00 C3 DD 1F 00 "
         "00 00 01 82 83 FE FF FF 02 DE 1F 00 BF 59 D9 0D") + Zeros(32) + Hex("55 AA");
@@ -39,6 +40,9 @@ const std::string kExample2 =
     Hex("00 01 01 00 83 FE 3F 62 3F 00 00 00 91 85 01 00 "
         "00 00 01 63 83 FE 7F 28 D0 85 01 00 A0 0B 03 00 "
         "00 00 41 29 83 FE FF E7 70 91 04 00 10 D0 0A 00") + Zeros(16) + Hex("55 AA");
+const std::string kLengthZero =
+    Hex("00 01 01 00 83 FE 3F 00 3F 00 00 00 00 00 00 00 "
+        "00 00 01 01 83 FE FF E7 3F 00 00 00 D9 F5 00 00") + Zeros(32) + Hex("55 AA");
 
 
 // "start size type" per partition, as sfdisk reads the table.
@@ -145,6 +149,7 @@ TEST_F(FdiskApi, WorkedExamplesByteForByte)
     } examples[] = {
         {255, 63, 14593, 2, 2097152, 0, kExample1},
         {16, 63, 1000, 3, 100000, 200000, kExample2},
+        {1, 63, 1000, 2, 63, 0, kLengthZero},
     };
     OnCall spy("write", SpyWrite);
     for (const Example &e : examples) {

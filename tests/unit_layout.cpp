@@ -84,7 +84,24 @@ TEST(Layout, SizesAreThirtyTwoBit)
     EXPECT_EQ(Entry(0, image).substr(8), Hex("3F 00 00 00 CB 92 43 1F"));
 }
 
-TEST(Layout, RefusesWhatHoldsNothing)
+TEST(Layout, WholeCylindersThatLeaveNothingGiveEntriesOfLengthZero)
+{
+    // One head: a cylinder is one track, so a size1 of one cylinder (or of
+    // anything short of two) ends partition 1 where it starts.
+    const KovDskGeo one{1, 63, 1000};
+    std::string image = Image(one, 2, 63);
+    EXPECT_EQ(Entry(0, image), Hex("00 01 01 00 83 FE 3F 00 3F 00 00 00 00 00 00 00"));
+    EXPECT_EQ(Entry(1, image), Hex("00 00 01 01 83 FE FF E7 3F 00 00 00 D9 F5 00 00"));
+    EXPECT_EQ(Image(one, 2, 125), image);
+
+    // The 32-bit disk of 300000 cylinders keeps 32650 of them; a size1 of
+    // all 32650 leaves the last partition nothing.
+    image = Image(KovDskGeo{255, 63, 300000}, 2, 32650u * 16065);
+    EXPECT_EQ(Entry(0, image).substr(8), Hex("3F 00 00 00 CB 92 43 1F"));
+    EXPECT_EQ(Entry(1, image), Hex("00 FE FF FF 83 FE FF FF 0A 93 43 1F 00 00 00 00"));
+}
+
+TEST(Layout, RefusesWhatHasNoMeaning)
 {
     EXPECT_EQ(Image(KovDskGeo{0, 63, 1000}, 1), "refused");
     EXPECT_EQ(Image(KovDskGeo{16, 0, 1000}, 1), "refused");
@@ -92,11 +109,6 @@ TEST(Layout, RefusesWhatHoldsNothing)
     EXPECT_EQ(Image(k16x63, 2, 1007), "refused");                   // size1 below a cylinder
     EXPECT_EQ(Image(k16x63, 3, 100000, 1007), "refused");           // size2 below a cylinder
     EXPECT_EQ(Image(k16x63, 4, 100000, 100000, 1007), "refused");   // size3 below a cylinder
-    // One head: the first cylinder is the first track, so partition 1
-    // needs two.
-    EXPECT_EQ(Image(KovDskGeo{1, 63, 1000}, 2, 125), "refused");
-    EXPECT_EQ(Entry(0, Image(KovDskGeo{1, 63, 1000}, 2, 126)).substr(8),
-              Hex("3F 00 00 00 3F 00 00 00"));
     // A disk that ends before the partition in front of the last.
     EXPECT_EQ(Image(KovDskGeo{16, 63, 0}, 2, 5000), "refused");
 

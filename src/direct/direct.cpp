@@ -80,7 +80,10 @@ long KovDskWriteHead(KovDskAccWrEnt *w, const char *data, uint32_t size)
     return n;
 }
 
-int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full)
+// The work under the table lock. When the buffer cannot be had, *undo
+// keeps the open descriptor for the caller to close once the lock is given
+// back, and then, in mode 0, to remove the file it truncated.
+int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full, int *undo)
 {
     int slot = KovDskFreeSlot(AccTbl->wr);
     if (slot < 0) {
@@ -102,9 +105,7 @@ int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full)
 
     char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
     if (raw == nullptr) {
-        close(fd);
-        if (mode == 0)
-            remove(full);  // truncated already; an appended file keeps its data
+        *undo = fd;
         errno = ENOSPC;
         return -1;
     }
@@ -136,9 +137,16 @@ int KovDskWriteOpenDirect(const char *path, uint32_t mode)
     if (KovDskFullPath(full, path) == -1)
         return -1;
     int slot;
+    int undo = -1;
     {
         KovDskPathOp op;
-        slot = KovDskWriteOpenLocked(path, mode, full);
+        slot = KovDskWriteOpenLocked(path, mode, full, &undo);
+    }
+    if (undo != -1) {
+        KovDskErrnoKeeper keep;
+        close(undo);
+        if (mode == 0)
+            remove(full);  // truncated already; an appended file keeps its data
     }
     if (slot >= 0)
         KovDskAccUpdate(+1);  // until the close
@@ -168,7 +176,8 @@ int KovDskWriteDirect(uint32_t handle, const void *data, uint32_t size)
             return static_cast<int>(size);  // still short of the boundary: nothing on disk
         done = static_cast<uint32_t>(took);
     }
-    if (done < size && KovDskBlockLoop(w->fd, w->buf, &w->fill, bytes + done, size - done) == -1)
+    if (done < size && KovDskBlockLoop(w->fd, w->buf, &w->fill, bytes + done, size - done,
+                                       KovDskShort::Count) == -1)
         return -1;
     KovDskStampSlotFile(w);
     return static_cast<int>(size);
@@ -242,7 +251,10 @@ int KovDskReadOpenDirect(const char *path)
             close(fd);
             return -1;
         }
+        // A direct stream protects no stored file: whatever a failed store
+        // read open left in this free slot goes, name, dir and file first.
         KovDskAccRdEnt &r = AccTbl->rd[slot];
+        memset(&r, 0, sizeof r);
         r.fd = fd;
         r.rawbuf = raw;
         r.buf = KovDskAlignBlock(raw);

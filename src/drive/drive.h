@@ -67,9 +67,9 @@ int KovDskAtaPassThru(int fd, unsigned char command, unsigned char *block);
 int KovDskGeoGet(int fd, KovDskGeo *geo);
 
 // Lays out `count` partitions (1 to 4) of the given sizes into the 66-byte
-// image. -1 with EINVAL for zero heads or sectors, or for a partition that
-// would hold nothing: a size below one cylinder, a disk of no cylinder past
-// the first track.
+// image. Whole cylinders that leave nothing for a partition give it an
+// entry of length 0. -1 with EINVAL for zero heads or sectors, a size below
+// one cylinder, or a disk without a whole cylinder behind the first track.
 int KovDskPartImage(const KovDskGeo &geo, int count, const uint32_t size[4],
                     unsigned char *image);
 

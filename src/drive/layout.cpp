@@ -73,6 +73,13 @@ int KovDskPartImage(const KovDskGeo &geo, int count, const uint32_t size[4], uns
     uint32_t start = geo.sectors;  // the first track stays free
     for (int i = 0; i < count; i++) {
         bool last = size[i] >= disk - start || i == count - 1;
+        // A size below one cylinder would make an entry of nothing and a next
+        // partition at the same start: refused, where whole cylinders that
+        // leave nothing behind give an entry of length 0, as laid out.
+        if (!last && size[i] < cylinder) {
+            errno = EINVAL;
+            return -1;
+        }
         uint32_t whole = size[i] / cylinder * cylinder;
         uint32_t end;
         if (last)
@@ -81,9 +88,9 @@ int KovDskPartImage(const KovDskGeo &geo, int count, const uint32_t size[4], uns
             end = whole;  // counted from sector 0, first track included
         else
             end = start + whole;
-        // A size below one cylinder, or a disk with no cylinder past the
-        // first track: an entry of no sectors, or one of negative length.
-        if (end <= start) {
+        // Only the last can end before it starts: a disk without a whole
+        // cylinder behind the first track.
+        if (end < start) {
             errno = EINVAL;
             return -1;
         }

@@ -17,7 +17,8 @@ char *KovDskAlignBlock(char *raw)
     return raw + (KOVDSK_BLOCK - at % KOVDSK_BLOCK);
 }
 
-int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length)
+int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length,
+                    KovDskShort shorts)
 {
     uint32_t consumed = 0;
     uint32_t f = *fill;
@@ -33,15 +34,25 @@ int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_
         ssize_t n = write(fd, buf, KOVDSK_BLOCK);
         if (n == -1)
             return -1;
-        if (n != KOVDSK_BLOCK) {
-            // A short block leaves the file off the 4096-byte grid that
-            // O_DIRECT needs: the disk is full, and the stream cannot go on.
+        uint32_t wrote = static_cast<uint32_t>(n);
+        if (wrote != KOVDSK_BLOCK && shorts == KovDskShort::Refuse) {
+            // A short block leaves the file off the 4096-byte grid that the
+            // next call's O_DIRECT open needs: the disk is full.
             errno = ENOSPC;
             return -1;
         }
-        consumed += static_cast<uint32_t>(n) - f;
-        f = 0;
-        *fill = 0;
+        // The position moves on by what went out less the carried bytes, so
+        // the rest is offered again in the next block. A count below the
+        // carried bytes consumes no new data; their unwritten part stays
+        // carried, at the front of the block.
+        if (wrote >= f) {
+            consumed += wrote - f;
+            f = 0;
+        } else {
+            memmove(buf, buf + wrote, f - wrote);
+            f -= wrote;
+        }
+        *fill = f;
         if (consumed >= length)
             return 0;
     }

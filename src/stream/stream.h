@@ -29,9 +29,18 @@ int KovDskFreeSlot(const Slot (&slots)[KOVDSK_SLOTS])
     return -1;
 }
 
+// What a block write that returns fewer than 4096 bytes means to a stream.
+// A store stream reopens its file with O_DIRECT in every call, so its file
+// must stay on the 4096-byte grid: it refuses the short block (ENOSPC). A
+// direct stream holds its descriptor: it takes the count as it comes and
+// offers the rest again.
+enum class KovDskShort { Refuse, Count };
+
 // Gathers length bytes of data behind the *fill bytes waiting in buf, and
 // writes every block that fills up to fd, whole and from buf. 0, or -1 with
-// write's errno; *fill then keeps its value from before the failing block.
-int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length);
+// write's errno (ENOSPC for a refused short block); *fill then holds the
+// bytes carried into the failing block.
+int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length,
+                    KovDskShort shorts);
 
 #endif // KOVDSK_STREAM_H

@@ -41,7 +41,8 @@ KovDskAccWrEnt *KovDskWriteSlot(int handle)
 int KovDskAppend(KovDskAccWrEnt *w, int fd, const void *data, unsigned length)
 {
     if (w->kind != 6)
-        return KovDskBlockLoop(fd, w->buf, &w->fill, static_cast<const char *>(data), length);
+        return KovDskBlockLoop(fd, w->buf, &w->fill, static_cast<const char *>(data), length,
+                               KovDskShort::Refuse);
     if (write(fd, data, length) == -1)
         return -1;
     __atomic_add_fetch(&AccTbl->accessed, 1, __ATOMIC_RELAXED);  // no lock here

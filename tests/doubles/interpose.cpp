@@ -97,6 +97,13 @@ struct AnyFault {
 };
 AnyFault any;
 
+// ShortWrite: the nth write of a length passes only `count` bytes on.
+struct ShortAt {
+    int countdown;  // 0: disarmed
+    size_t count, length;
+};
+ShortAt short_at;
+
 // The errno a failure of each call most plausibly gives, chosen so that it
 // takes the failure path itself rather than one that means "absent" or
 // "exists" (ENOENT, EEXIST) or one the library answers by another route
@@ -212,6 +219,13 @@ Fault::~Fault()
     hooks[hook_].countdown = 0;
     hooks[hook_].failing = false;
 }
+
+ShortWrite::ShortWrite(int nth, size_t count, size_t length)
+{
+    short_at = ShortAt{nth, count, length};
+}
+
+ShortWrite::~ShortWrite() { short_at.countdown = 0; }
 
 FaultAny::FaultAny(int nth, int err)
 {
@@ -360,7 +374,20 @@ ssize_t read(int fd, void *buf, size_t n)
 ssize_t write(int fd, const void *buf, size_t n)
 {
     REAL(write);
-    return Fail(H_write, nullptr, fd, buf, n) ? -1 : real(fd, buf, n);
+    if (Fail(H_write, nullptr, fd, buf, n))
+        return -1;
+    if (short_at.countdown > 0 && (short_at.length == 0 || n == short_at.length) &&
+        --short_at.countdown == 0 && short_at.count < n) {
+        static auto real_fcntl = Real<int (*)(int, int, ...)>("fcntl");
+        int flags = real_fcntl(fd, F_GETFL);
+        if (flags != -1 && (flags & O_DIRECT) != 0)
+            real_fcntl(fd, F_SETFL, flags & ~O_DIRECT);
+        ssize_t got = real(fd, buf, short_at.count);
+        if (flags != -1 && (flags & O_DIRECT) != 0)
+            real_fcntl(fd, F_SETFL, flags);
+        return got;
+    }
+    return real(fd, buf, n);
 }
 
 int stat(const char *path, struct stat *st)

@@ -34,6 +34,17 @@ private:
     int hook_;
 };
 
+// Makes the nth write from now (counting only writes of `length` bytes, if
+// given) pass just `count` bytes on, as a disk that fills up does; the call
+// returns that count. O_DIRECT is set aside for it, so any count goes.
+class ShortWrite {
+public:
+    ShortWrite(int nth, size_t count, size_t length = 0);
+    ~ShortWrite();
+    ShortWrite(const ShortWrite &) = delete;
+    ShortWrite &operator=(const ShortWrite &) = delete;
+};
+
 // What FaultAny made fail: the call's name, the errno it gave, and the
 // path, descriptor and size or length it was given (as CallInfo has them).
 struct FaultHit {
