@@ -13,10 +13,11 @@
  * (3696 bytes), so that results that would not fit the 4096-byte path are
  * reached too.
  *
- * Properties: 0, or -1 with EINVAL or ENAMETOOLONG and the output untouched.
- * On success the output is root "/usr/" user "/" pass "/" file with the
- * pieces KovDskPathSplit gives for the text, and its components, taken as
- * they are, never climb above the root.
+ * Properties: 0, or -1 with EINVAL, ENAMETOOLONG or ENOTDIR (a directory on
+ * the way that is none) and the output untouched. On success the output is
+ * root "/usr/" user "/" pass "/" file with the pieces KovDskPathSplit gives
+ * for the text, the file lies directly in the pass area, and the
+ * components, taken as they are, never climb above the root.
  */
 #include "fuzz.h"
 
@@ -97,7 +98,7 @@ void Resolve(const std::string &text, const std::string &root, const char *link)
     errno = 0;
     int rc = KovDskLinkResolve(link, out);
     if (rc != 0) {
-        KOVFUZZ_CHECK(rc == -1 && (errno == EINVAL || errno == ENAMETOOLONG), text);
+        KOVFUZZ_CHECK(rc == -1 && (errno == EINVAL || errno == ENAMETOOLONG || errno == ENOTDIR), text);
         for (char c : out)
             KOVFUZZ_CHECK(c == 'X', text);
         return;
@@ -105,6 +106,7 @@ void Resolve(const std::string &text, const std::string &root, const char *link)
     KOVFUZZ_CHECK(strnlen(out, sizeof out) < sizeof out, text);
     char user[KOVDSK_USER_HEX_BUF], pass[KOVDSK_PASS_HEX_BUF], file[KOVDSK_STORED_MAX];
     KOVFUZZ_CHECK(KovDskPathSplit(text.c_str(), user, pass, file) == 0, text);
+    KOVFUZZ_CHECK(strchr(file, '/') == nullptr, text);
     std::string want = root + "/usr/" + user + "/" + pass + "/" + file;
     KOVFUZZ_CHECK(want == out, text);
     KOVFUZZ_CHECK(StaysBelow(want.substr(root.size())), text);

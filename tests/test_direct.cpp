@@ -181,7 +181,7 @@ TEST_F(Direct, FailuresAndRefusals)
         EXPECT_TRUE(fails(KovDskReadOpenDirect("r"), ENOSPC));
     }
     {
-        Fault f("stat", EIO);
+        Fault f("fstat", EIO);
         EXPECT_TRUE(fails(KovDskReadOpenDirect("r"), EIO));
     }
     for (const KovDskAccWrEnt &w : AccTbl->wr)

@@ -105,6 +105,13 @@ struct Outcome {
     long counted = 0;  // fault points the call passed
 
     bool Is(const char *name) const { return fired && call == name; }
+    // An lstat of a directory: a look at the way to a walk's directory,
+    // which fails the walk as its opendir would.
+    bool Way() const
+    {
+        struct stat st;
+        return Is("lstat") && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
     bool FailedAsInjected() const { return rc == -1 && err == injected; }
     bool FailedWith(int e) const { return rc == -1 && err == e; }
 };
@@ -795,7 +802,8 @@ const Case kGbgIni = {
             return Check(r.rc == 0 && AccTbl->gbg_flag == 0, "not 0 for a file not seen");
         if (r.rc == -1)
             return Check(AccTbl->gbg_flag == 0, "the flag moved") +
-                   ByCall(r, false, {"opendir", "malloc"}, {});
+                   (r.Way() ? Check(r.FailedAsInjected(), "not -1 with lstat's errno")
+                            : ByCall(r, false, {"opendir", "malloc"}, {}));
         return ByCall(r, r.rc == 1 && AccTbl->gbg_flag == 1, {"opendir", "malloc"}, {"semop", "lstat"});
     },
     Nothing,
@@ -817,7 +825,8 @@ const Case kFleSrd = {
             return Check(r.FailedAsInjected(), "not -1 with waitpid's errno");
         if (r.rc == -1)
             return Check(!shredded, "shred ran for a failed call") +
-                   ByCall(r, false, {"opendir", "malloc", "fork"}, {});
+                   (r.Way() ? Check(r.FailedAsInjected(), "not -1 with lstat's errno")
+                            : ByCall(r, false, {"opendir", "malloc", "fork"}, {}));
         return Check(shredded, "shred did not run") +
                ByCall(r, r.rc == 1, {"opendir", "malloc", "fork"}, {"semop", "lstat"});
     },
@@ -865,11 +874,17 @@ const Case kWriteOpen = {
         // The namesake's removal is not looked at. If it stopped before its
         // link in "general" went, that link takes the new file's place and
         // the link's symlink fails: the new file stays, empty.
+        // A look at a directory on the way fails the directories' making
+        // (nothing made) or the links' (the file made), as well.
+        if (r.Is("lstat") && r.FailedAsInjected())
+            return "";
         if (r.Is("lstat") || r.Is("readlink") || r.Is("remove") || r.Is("opendir") ||
             (r.Is("malloc") && r.size != kRawBuf))
             return Check(r.FailedWith(EEXIST) && made && t.Exists("general/" + s), "not EEXIST for the old link");
         if (r.Is("mkdir") || r.Is("open"))
             return Check(r.FailedAsInjected(), "not -1 with the errno") + Check(!made, "a new file");
+        if (r.Is("fstat"))  // the new file is made, and nothing more
+            return Check(r.FailedAsInjected() && made && !t.Exists("general/" + s), "not -1 with the bare file");
         if (r.Is("symlink"))  // the new file stays, empty, with what links it has
             return Check(r.FailedAsInjected() && made, "not -1 with the file kept");
         if (r.Is("malloc"))  // no buffer: the new file goes, its links stay
@@ -917,10 +932,12 @@ const Case kWrite = {
                    Check((size == 0 && fill == 100) || (size == 4096 && fill == 0),
                          "fill is not that from before the failing block");
         if (r.rc == -1)
-            return Check(size == 0 && fill == 100, "the stream moved") + ByCall(r, false, {"open"}, {});
+            return Check(size == 0 && fill == 100, "the stream moved") +
+                   (r.Way() ? Check(r.FailedAsInjected(), "not lstat's errno")
+                            : ByCall(r, false, {"open", "fstat"}, {}));
         return Check(size == 8192 && fill == 1908 && t.Content(t.file) == t.data.substr(0, 8192),
                      "not two blocks and 1908 waiting") +
-               ByCall(r, r.rc == 10000, {"open", "write"}, {"semop", "close", "utime"});
+               ByCall(r, r.rc == 10000, {"open", "write"}, {"semop", "close", "utime", "lstat"});
     },
     [](FaultLoop &t, const Outcome &r) {
         EXPECT_EQ(KovDskWriteClose(t.h), 0);
@@ -942,9 +959,10 @@ const Case kWriteKind6 = {
         bool untouched = t.Size(t.file) == 0 && AccTbl->accessed == t.accessed0;
         if (r.rc == -1)
             return Check(untouched, "the failed write moved something") +
-                   ByCall(r, false, {"open", "write"}, {});
+                   (r.Way() ? Check(r.FailedAsInjected(), "not lstat's errno")
+                            : ByCall(r, false, {"open", "fstat", "write"}, {}));
         return Check(wrote, "the bytes or the count are missing") +
-               ByCall(r, r.rc == 500, {"open", "write"}, {"semop", "close", "utime"});
+               ByCall(r, r.rc == 500, {"open", "write"}, {"semop", "close", "utime", "lstat"});
     },
     [](FaultLoop &t, const Outcome &) { EXPECT_EQ(KovDskWriteClose(t.h), 0); },
 };
@@ -963,10 +981,11 @@ const Case kWriteClose = {
         if (r.rc == -1)  // the tail is lost, the accessed flag stays
             return Check(t.Content(t.file) == t.data.substr(0, 8192) && AccTbl->accessed == t.accessed0,
                          "not the blocks alone") +
-                   ByCall(r, false, {"open", "write"}, {});
+                   (r.Way() ? Check(r.FailedAsInjected(), "not lstat's errno")
+                            : ByCall(r, false, {"open", "fstat", "write"}, {}));
         return Check(t.Content(t.file) == t.data && AccTbl->accessed == t.accessed0 + 1,
                      "the tail or the count is missing") +
-               ByCall(r, r.rc == 0, {"open", "write"}, {"semop", "close", "utime"});
+               ByCall(r, r.rc == 0, {"open", "write"}, {"semop", "close", "utime", "lstat"});
     },
     Nothing,
 };
@@ -981,15 +1000,16 @@ const Case kReadOpen = {
         if (r.rc >= 0) {
             t.slot_delta = t.acc_delta = t.fd_delta = 1;
             const KovDskAccRdEnt &e = AccTbl->rd[r.rc];
-            // A failed lstat or readlink of the link leaves its own path,
-            // which open follows all the same.
+            // The look at the file before its open is not needed.
             return Check(e.used == 1 && e.remain == 9000 && strcmp(e.dir, "general") == 0, "not the stream") +
-                   ByCall(r, true, {}, {"semop", "lstat", "readlink"});
+                   ByCall(r, true, {}, {"semop", "lstat"});
         }
-        // A search that cannot read an entry, or "general", finds nothing.
-        if (r.Is("opendir") || r.Is("lstat") || (r.Is("malloc") && r.size != kRawBuf))
+        // A search that cannot read "general" or tell the link for the
+        // library's own finds nothing; a link that cannot be resolved is
+        // never followed.
+        if (r.Is("opendir") || r.Is("lstat") || r.Is("readlink") || (r.Is("malloc") && r.size != kRawBuf))
             return Check(r.FailedWith(ENOENT), "not ENOENT");
-        return ByCall(r, false, {"open", "malloc", "stat"}, {});
+        return ByCall(r, false, {"open", "malloc", "fstat"}, {});
     },
     [](FaultLoop &, const Outcome &r) {
         if (r.rc >= 0) {
@@ -1079,8 +1099,10 @@ const Case kDel = {
     [](FaultLoop &) { return KovDskDel("p1", 3, 1, 3, 0, "abc", 1); },
     [](FaultLoop &t, const Outcome &r) -> std::string {
         // An entry that cannot be looked at is left behind.
-        if (r.Is("lstat") && r.rc == 0)
-            return Check(t.Gone("p1") || t.Intact("p1").empty(), "p1 half gone");
+        if (r.Way())  // the area's walk, or the taking of p1 from it
+            return Check(r.FailedAsInjected(), "not -1 with lstat's errno");
+        if (r.Is("lstat"))  // p1 not seen as a link: it is the file itself
+            return Check(r.rc == 0 && t.Gone("p1"), "p1 not gone");
         return Check(r.rc == -1 || t.Gone("p1"), "p1 not gone") +
                ByCall(r, r.rc == 0, {"opendir", "malloc", "remove"}, {"semop"});
     },
@@ -1093,8 +1115,8 @@ const Case kDelIdArea = {
     [](FaultLoop &) { return KovDskDel("e2", 4, 1, 1, 8, nullptr, 0); },
     [](FaultLoop &t, const Outcome &r) -> std::string {
         bool dir = t.Exists("uid/0000000000000008");
-        if (r.Is("lstat"))  // e2 left behind keeps its directory
-            return Check(r.rc == 0 && dir && t.Intact("e2").empty(), "not 0 with e2 left");
+        if (r.Way())
+            return Check(r.FailedAsInjected() && dir && t.Intact("e2").empty(), "not -1 with e2 left");
         if (r.rc == 0)
             return Check(!dir && t.Gone("e2"), "e2 or its directory stays") + ByCall(r, true, {}, {"semop"});
         return Check(dir, "the directory went in a failed call") +
@@ -1109,7 +1131,7 @@ std::string JudgeSweep(FaultLoop &t, const Outcome &r, std::initializer_list<con
                        std::initializer_list<const char *> dirs_gone)
 {
     std::string bad;
-    bool skipped = r.Is("lstat") || r.Is("stat");
+    bool skipped = r.Is("lstat") || r.Is("stat") || r.Is("readlink");
     for (const char *name : targets) {
         if (t.Gone(name))
             continue;
@@ -1122,8 +1144,8 @@ std::string JudgeSweep(FaultLoop &t, const Outcome &r, std::initializer_list<con
         for (const char *dir : dirs_gone)
             if (t.Exists(dir))
                 bad += std::string(dir) + " stays; ";
-    if (skipped)  // or, inside the taking of a link's file, no link seen: EINVAL
-        return bad + Check(r.rc == 0 || r.FailedWith(EINVAL), "not 0 or EINVAL");
+    if (skipped)  // or, the walk's own directory not to be had: its errno
+        return bad + Check(r.rc == 0 || r.FailedAsInjected() || r.FailedWith(EINVAL), "not 0 or the errno");
     return bad + ByCall(r, r.rc == 0, {"opendir", "malloc", "remove", "readlink"}, {"semop"});
 }
 
@@ -1190,7 +1212,8 @@ const Case kList = {
             return bad + Check(r.rc == 1 && t.list.count < 6, "not 1 with a partial list");
         if (r.rc == -1)
             return bad + Check(t.list.count == 0 && t.list.total == 0, "count and total not 0") +
-                   ByCall(r, false, {"opendir", "malloc"}, {});
+                   (r.Way() ? Check(r.FailedAsInjected(), "not -1 with lstat's errno")
+                            : ByCall(r, false, {"opendir", "malloc"}, {}));
         // A link whose target cannot be looked at is passed over.
         if (r.Is("lstat") || r.Is("readlink"))
             return bad + Check(r.rc == 0 && t.list.count >= 5, "more than the one entry missing");
@@ -1219,7 +1242,8 @@ std::string JudgeAreas(FaultLoop &t, const Outcome &r, size_t record, std::vecto
         if (r.Is("malloc") && r.size == record)  // the first record
             return Check(r.FailedAsInjected() && t.array == nullptr && t.count == 77, "not -1 with the list NULL");
         return Check(t.count == 77 && t.array == &t, "count or list written") +
-               Check(r.FailedAsInjected() && (r.Is("opendir") || r.Is("malloc")), "not -1 with the errno");
+               Check(r.FailedAsInjected() && (r.Is("opendir") || r.Is("malloc") || r.Way()),
+                     "not -1 with the errno");
     }
     std::vector<std::string> got;
     for (uint32_t i = 0; i < t.count; i++) {
@@ -1325,9 +1349,14 @@ const Case kPasCheck = {
                    ByCall(r, true, {}, {"semop", "lstat"});
         std::string bad = Check(t.flag == 0 && value == 0 && tail_zero, "flag or pass not 0");
         // No link seen in "general": EINVAL.
+        // (A look on the way of the link's own resolution: its errno.)
         if (r.Is("opendir") || r.Is("lstat") || r.Is("malloc"))
-            return bad + Check(r.FailedWith(EINVAL), "not EINVAL");
-        return bad + ByCall(r, false, {"readlink"}, {});
+            return bad + Check(r.FailedWith(EINVAL) || (r.Way() && r.FailedAsInjected()), "not EINVAL");
+        // The search reads the link to know it for the library's own, and
+        // then the lookup reads it again.
+        if (r.Is("readlink"))
+            return bad + Check(r.FailedWith(EINVAL) || r.FailedAsInjected(), "not EINVAL or readlink's errno");
+        return bad + ByCall(r, false, {}, {});
     },
     Nothing,
 };
@@ -1342,7 +1371,8 @@ const Case kGetRealFileName = {
     [](FaultLoop &t) { return KovDskGetRealFileName("p1", 3, 0, 0, nullptr, 0, t.path); },
     [](FaultLoop &t, const Outcome &r) -> std::string {
         if (r.rc == -1)
-            return Check(r.FailedWith(ENOENT) && (r.Is("opendir") || r.Is("lstat") || r.Is("malloc")),
+            return Check(r.FailedWith(ENOENT) &&
+                             (r.Is("opendir") || r.Is("lstat") || r.Is("readlink") || r.Is("malloc")),
                          "not ENOENT for a search that saw nothing");
         // A link that cannot be resolved leaves its own path.
         std::string got = t.path;
@@ -1369,8 +1399,7 @@ std::string JudgeWriteOpenDirect(FaultLoop &t, const Outcome &r, uint32_t mode)
     if (r.rc >= 0) {
         t.slot_delta = t.acc_delta = t.fd_delta = 1;
         const KovDskAccWrEnt &w = AccTbl->wr[r.rc];
-        // A failed stat of an append leaves no head.
-        uint32_t head = mode == 0 || r.Is("stat") ? 0 : 3192;
+        uint32_t head = mode == 0 ? 0 : 3192;
         return Check(w.used == 1 && w.head == head && w.fill == 0 && strcmp(w.file, "direct.bin") == 0,
                      "not the stream") +
                Check(t.Content("direct.bin") == (mode == 0 ? "" : kOld), "the file changed") +
@@ -1379,6 +1408,9 @@ std::string JudgeWriteOpenDirect(FaultLoop &t, const Outcome &r, uint32_t mode)
     if (r.Is("open"))  // whatever the reason
         return Check(r.FailedWith(ENFILE) && t.Content("direct.bin") == kOld,
                      "not ENFILE with the file as it was");
+    if (r.Is("fstat"))  // opened, and truncated in mode 0: refused as an open
+        return Check(r.FailedWith(ENFILE) && t.Content("direct.bin") == (mode == 0 ? "" : kOld),
+                     "not ENFILE");
     if (r.Is("malloc"))  // a truncated file goes, an appended one keeps its bytes
         return Check(r.FailedWith(ENOSPC), "not ENOSPC") +
                Check(mode == 0 ? !t.Exists("direct.bin") : t.Content("direct.bin") == kOld, "the file");
@@ -1487,13 +1519,16 @@ const Case kReadOpenDirect = {
     [](FaultLoop &t, const Outcome &r) -> std::string {
         if (r.rc >= 0) {
             t.slot_delta = t.acc_delta = t.fd_delta = 1;
-            return Check(AccTbl->rd[r.rc].remain == 5000, "not the stream") + ByCall(r, true, {}, {"semop"});
+            return Check(AccTbl->rd[r.rc].remain == 5000, "not the stream") +
+                   ByCall(r, true, {}, {"semop", "stat"});
         }
         if (r.Is("open"))
             return Check(r.FailedWith(ENFILE), "not ENFILE");
         if (r.Is("malloc"))
             return Check(r.FailedWith(ENOSPC), "not ENOSPC");
-        return ByCall(r, false, {"stat"}, {});
+        if (r.Is("stat"))  // the look before the open: the open tells
+            return Check(r.rc >= 0, "not opened");
+        return ByCall(r, false, {"fstat"}, {});
     },
     [](FaultLoop &, const Outcome &r) {
         if (r.rc >= 0) {
@@ -1767,7 +1802,7 @@ const Case kVup001 = {
                         moved++;
                         bool linked = t.LinkText("general/" + s) == t.Path(pass + s) &&
                                       t.LinkText("usr/767570/" + s) == t.Path(pass + s);
-                        bad += Check(linked || r.Is("symlink"), s + " without its links");
+                        bad += Check(linked || r.Is("symlink") || r.Way(), s + " without its links");
                     }
                 }
             }
@@ -1775,6 +1810,8 @@ const Case kVup001 = {
         }
         bad += Check(t.Content("general/" + t.stored.at("g1")) == Pattern(40, 4), "g1 moved");
         bad += Check(t.Content("usr/616263/0000000000000001/" + t.stored.at("p9")) == Pattern(50, 5), "p9 moved");
+        if (r.Way() && moved == 0 && Logged().empty())  // "usr" not to be looked at: nothing moves
+            return bad + Check(r.FailedAsInjected(), "not -1 with lstat's errno");
         if (r.rc == -1) {  // the directories: the files stay in "usr"
             std::string line = Logged();
             return bad + Check(moved == 0, "files in the pass area") +

@@ -191,7 +191,7 @@ TEST_F(Read, RefusalsAndFaults)
     EXPECT_EQ(KovDskReadClose(h), 0);
     ExpectAllFree();
 
-    for (const char *call : {"open", "stat"}) {
+    for (const char *call : {"open", "fstat"}) {
         Fault f(call, EACCES);
         EXPECT_TRUE(fails(KovDskReadOpen("f", 1, 0, 0, nullptr, 0), EACCES)) << call;
     }

@@ -85,11 +85,19 @@ TEST_F(Table, RootArgumentIsTestedFirst)
 {
     EXPECT_EQ(KovDskInitSet(nullptr), -1);
     EXPECT_EQ(errno, EINVAL);
-    // A root that leaves no room for the store's longest path behind it.
+    // A root that leaves no room for the store's longest path behind it;
+    // one holding ".1", which would make every stored file temporary; one
+    // with "/usr/" in it (or ending in "/usr"), where links would be split.
     std::string longroot(3697, 'r');
-    EXPECT_EQ(KovDskInitSet(longroot.c_str()), -1);
-    EXPECT_EQ(errno, EINVAL);
-    // Nothing was created by either.
+    for (const char *bad : {longroot.c_str(), "/tmp/x/store-v1.1", "/mnt/a.1b", "/usr/local/store",
+                            "/mnt/usr", "rel/usr/x"}) {
+        EXPECT_EQ(KovDskInitSet(bad), -1) << bad;
+        EXPECT_EQ(errno, EINVAL) << bad;
+    }
+    // Nothing was created by any of them, not even the key file.
+    if (isolated_) {
+        EXPECT_NE(access("/var/lock/kovdsk", F_OK), 0);
+    }
     EXPECT_EQ(KovDskInit(), -1);
     EXPECT_EQ(errno, EINIT);
 

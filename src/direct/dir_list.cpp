@@ -58,7 +58,7 @@ int KovDskDirList(const char *dir, const char *pattern, KovDskDirRes *result, ui
 {
     if (!KovDskAttached())
         return -1;
-    if (dir == nullptr || pattern == nullptr || result == nullptr || mode >= 3 ||
+    if (dir == nullptr || KovDskClimbs(dir) || pattern == nullptr || result == nullptr || mode >= 3 ||
         strlen(pattern) >= sizeof filecmp_buf) {
         errno = EINVAL;
         return -1;

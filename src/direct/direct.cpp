@@ -24,14 +24,6 @@ namespace {
 // A slot's file field holds 256 bytes with its terminator.
 constexpr size_t kDirectPathMax = sizeof(KovDskAccWrEnt::file) - 1;
 
-// Turns O_DIRECT on or off on an open descriptor.
-void KovDskSetDirect(int fd, bool on)
-{
-    int flags = fcntl(fd, F_GETFL);
-    if (flags != -1)
-        fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT);
-}
-
 // The write slot of a direct stream's handle, tested before the lock is
 // taken; a store stream's handle is refused with EINVAL.
 KovDskAccWrEnt *KovDskDirectSlot(uint32_t handle)
@@ -90,29 +82,31 @@ int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full, int
         errno = ENFILE;
         return -1;
     }
-    int fd = open(full, O_WRONLY | O_CREAT | O_DIRECT | (mode == 0 ? O_TRUNC : O_APPEND), 0666);
-    if (fd == -1) {
+    // A plain path may name anything: what is no regular file is refused
+    // without waiting, like any open that fails.
+    struct stat st;
+    int fd = KovDskOpenFile(full, O_WRONLY | O_CREAT | O_DIRECT | (mode == 0 ? O_TRUNC : O_APPEND),
+                            ENFILE, &st);
+    if (fd < 0) {
         errno = ENFILE;  // whatever the reason
         return -1;
     }
     chmod(full, 0666);
     // An append needs the bytes up to the next boundary first; a file on
     // the boundary, an empty one too, takes a whole block without O_DIRECT.
-    struct stat st;
-    uint32_t head = 0;
-    if (mode == 1 && stat(full, &st) == 0)
-        head = KOVDSK_BLOCK - static_cast<uint32_t>(st.st_size % KOVDSK_BLOCK);
+    uint32_t head = mode == 1 ? KOVDSK_BLOCK - static_cast<uint32_t>(st.st_size % KOVDSK_BLOCK) : 0;
 
-    char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
+    KovDskAccWrEnt &w = AccTbl->wr[slot];
+    char *buf;
+    char *raw = KovDskBlockBuf(&buf);
     if (raw == nullptr) {
         *undo = fd;
         errno = ENOSPC;
         return -1;
     }
-    KovDskAccWrEnt &w = AccTbl->wr[slot];
+    memset(&w, 0, sizeof w);  // a direct stream has no name, area or flag
     w.rawbuf = raw;
-    w.buf = KovDskAlignBlock(raw);
-    memset(raw, 0, KOVDSK_RAWBUF);
+    w.buf = buf;
     w.fd = fd;
     w.kind = 0;
     w.fill = 0;
@@ -129,7 +123,7 @@ int KovDskWriteOpenDirect(const char *path, uint32_t mode)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(path) || mode >= 2 || strlen(path) > kDirectPathMax) {
+    if (KovDskNoText(path) || KovDskClimbs(path) || mode >= 2 || strlen(path) > kDirectPathMax) {
         errno = EINVAL;
         return -1;
     }
@@ -220,7 +214,7 @@ int KovDskReadOpenDirect(const char *path)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(path)) {
+    if (KovDskNoText(path) || KovDskClimbs(path)) {
         errno = EINVAL;
         return -1;
     }
@@ -236,34 +230,21 @@ int KovDskReadOpenDirect(const char *path)
             errno = ENFILE;
             return -1;
         }
-        int fd = open(full, O_RDONLY | O_DIRECT);
-        if (fd == -1) {
-            errno = ENFILE;
-            return -1;
-        }
-        char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
         struct stat st;
-        if (raw == nullptr || stat(full, &st) == -1) {
-            if (raw == nullptr)
-                errno = ENOSPC;
-            KovDskErrnoKeeper keep;
-            free(raw);
-            close(fd);
+        int fd = KovDskOpenFile(full, O_RDONLY | O_DIRECT, ENFILE, &st);
+        if (fd < 0) {
+            if (fd == -1)
+                errno = ENFILE;  // whatever the reason; a failed fstat says its own
             return -1;
         }
         // A direct stream protects no stored file: whatever a failed store
         // read open left in this free slot goes, name, dir and file first.
         KovDskAccRdEnt &r = AccTbl->rd[slot];
         memset(&r, 0, sizeof r);
-        r.fd = fd;
-        r.rawbuf = raw;
-        r.buf = KovDskAlignBlock(raw);
-        memset(raw, 0, KOVDSK_RAWBUF);
-        r.fill = 0;
-        r.pos = 0;
-        r.kind = 0;
-        r.remain = static_cast<uint64_t>(static_cast<int64_t>(st.st_size));
-        r.used = 1;
+        if (KovDskReadSlotFill(r, fd, st) == -1) {
+            errno = ENOSPC;
+            return -1;
+        }
     }
     KovDskAccUpdate(+1);
     return slot;

@@ -16,37 +16,7 @@
 
 #include <cstdio>
 #include <cstring>
-#include <sys/wait.h>
 #include <syslog.h>
-
-namespace {
-
-constexpr int kKilled = -2;  // KovDskToolRun: a signal ended the child
-
-// Runs argv[0] through PATH and waits for it. The vector lies on the
-// caller's stack, so the child only execs: no allocation after fork in a
-// threaded caller, and _exit, since the caller's exit handlers are not
-// ours. A failed execvp exits with its -1, that is 255. An interrupted
-// waitpid is issued again, so the child's status is never left unread.
-// The exit code; kKilled, with errno as on entry; -1 with the errno of a
-// failed fork or waitpid.
-int KovDskToolRun(const char *const *argv)
-{
-    int saved = errno;
-    pid_t child = fork();
-    if (child == -1)
-        return -1;
-    if (child == 0)
-        _exit(execvp(argv[0], const_cast<char *const *>(argv)));
-
-    int status;
-    if (KovDskWaitChild(child, &status) == -1)
-        return -1;
-    errno = saved;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : kKilled;
-}
-
-} // namespace
 
 int KovDskFormat(const char *path, int32_t block_size, int32_t block_count)
 {
@@ -71,7 +41,7 @@ int KovDskFormat(const char *path, int32_t block_size, int32_t block_count)
     {
         KovDskActivity busy;  // for the whole run of the child
         sync();
-        code = KovDskToolRun(argv);
+        code = KovDskRunTool(argv);
         if (code < 0)
             return -1;  // no child status: nothing cleared, no end line
         memset(AccTbl->wr, 0, sizeof AccTbl->wr);
@@ -98,7 +68,7 @@ int KovDskChk(const char *path)
     {
         KovDskActivity busy;
         sync();
-        code = KovDskToolRun(argv);
+        code = KovDskRunTool(argv);
         if (code < 0)
             return -1;
         sync();

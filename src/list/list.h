@@ -1,6 +1,6 @@
 /*
  * list.h - the listings: the stored files of one area (list.cpp), the
- * areas themselves (areas.cpp), and the lookups of one stored file
+ * areas themselves (uid_usr_pas.cpp), and the lookups of one stored file
  * (lookup.cpp).
  */
 #ifndef KOVDSK_LIST_H

@@ -3,15 +3,20 @@
  * ask for a file or directory, remove, rename, stamp, size.
  *
  * Paths come relative to the root and are taken as they are: nothing is
- * normalised, "/" and ".." keep their ordinary meaning. Each exported
- * operation holds the table lock, and raises the operation counter inside
- * it, for the whole of its work (KovDskPathOp); errno survives both.
+ * normalised and "/" keeps its ordinary meaning, but a ".." component, which
+ * could step out of the root, is refused. Each exported operation holds the
+ * table lock, and raises the operation counter inside it, for the whole of
+ * its work (KovDskPathOp); errno survives both.
+ *
+ * Also here: the checks that keep the store's walks and opens inside the
+ * root and out of anything that could block (KovDskRealDir, KovDskOpenFile).
  */
 #include "shared/shared.h"
 
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 int KovDskFullPath(char *out, const char *rel)
@@ -44,24 +49,76 @@ int KovDskEntryPath(char *out, const char *rel_dir, const char *name)
     return 0;
 }
 
+bool KovDskClimbs(const char *rel)
+{
+    for (const char *p = rel; (p = strstr(p, "..")) != nullptr; p += 2)
+        if ((p == rel || p[-1] == '/') && (p[2] == '\0' || p[2] == '/'))
+            return true;
+    return false;
+}
+
 int KovDskPathArg(const char *rel, char *full)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(rel)) {
+    if (KovDskNoText(rel) || KovDskClimbs(rel)) {
         errno = EINVAL;
         return -1;
     }
     return KovDskFullPath(full, rel);
 }
 
-int KovDskWaitChild(int child, int *status)
+int KovDskRealDir(const char *rel)
 {
-    pid_t got;
-    do
-        got = waitpid(child, status, 0);
-    while (got == -1 && errno == EINTR);
-    return got == -1 ? -1 : 0;
+    char prefix[KOVDSK_PATH_MAX];
+    size_t len = strlen(rel);
+    for (size_t end = 0; end <= len; end++) {
+        if (rel[end] != '/' && rel[end] != '\0')
+            continue;
+        memcpy(prefix, rel, end);
+        prefix[end] = '\0';
+        char full[KOVDSK_PATH_MAX];
+        struct stat st;
+        if (KovDskFullPath(full, prefix) == -1)
+            return -1;
+        if (lstat(full, &st) == -1)
+            return errno == ENOENT ? 0 : -1;
+        if (!S_ISDIR(st.st_mode)) {
+            errno = ENOTDIR;
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int KovDskOpenFile(const char *path, int flags, int other, struct stat *st)
+{
+    // Looked at first, as O_DIRECT would make open refuse anything but a
+    // file with EINVAL; the fstat behind the open makes sure of what was
+    // opened.
+    int looked = (flags & O_NOFOLLOW) != 0 ? lstat(path, st) : stat(path, st);
+    if (looked == 0 && !S_ISREG(st->st_mode)) {
+        errno = other;
+        return -1;
+    }
+    int fd = open(path, flags | O_NONBLOCK, 0666);
+    if (fd == -1) {
+        // A link under O_NOFOLLOW, or a FIFO with no reader for a writer.
+        if (errno == ELOOP || errno == ENXIO)
+            errno = other;
+        return -1;
+    }
+    if (fstat(fd, st) == -1) {
+        KovDskErrnoKeeper keep;
+        close(fd);
+        return -2;
+    }
+    if (!S_ISREG(st->st_mode)) {
+        close(fd);
+        errno = other;
+        return -1;
+    }
+    return fd;
 }
 
 int KovDskMkDir(const char *rel)
@@ -143,7 +200,7 @@ int KovDskChgTimeStamp(const char *path)
     // An empty path stamps the root itself.
     if (!KovDskAttached())
         return -1;
-    if (path == nullptr) {
+    if (path == nullptr || KovDskClimbs(path)) {
         errno = EINVAL;
         return -1;
     }

@@ -5,12 +5,14 @@
  * exit path release what it took, in order.
  *
  * Read table.cpp next for the table and its two locks, activity.cpp for the
- * counters, paths.cpp and stamp.cpp for the operations on one path.
+ * counters, paths.cpp and stamp.cpp for the operations on one path, and
+ * child.cpp for the tools the library runs.
  */
 #ifndef KOVDSK_SHARED_H
 #define KOVDSK_SHARED_H
 
 #include <cerrno>
+#include <sys/stat.h>
 
 // The build hides every symbol by default; what the public header declares
 // is the API and the only thing exported.
@@ -33,7 +35,7 @@ int KovDskKeyGet(char id);
 // Keeps errno, so callers may use it on their way out of a failure.
 int KovDskAccUpdate(int step);
 
-// ---- Paths (paths.cpp, stamp.cpp) ------------------------------------------
+// ---- Paths (paths.cpp, stamp.cpp, child.cpp) --------------------------------
 
 // root + "/" + rel into a buffer of KOVDSK_PATH_MAX bytes.
 // -1 with ENAMETOOLONG if it would not fit.
@@ -52,15 +54,34 @@ int KovDskStamp(const char *fullpath);
 // Makes one directory below the root, mode 0666 whatever the umask.
 int KovDskMkDir(const char *rel);
 
+// Whether a relative path has a ".." component, which would climb out of
+// where it is joined on, and with enough of them out of the root.
+bool KovDskClimbs(const char *rel);
+
 // The argument tests of an operation on one path, in the library's order
-// (attached, then the text), then the full path. -1 with EINIT, EINVAL or
-// ENAMETOOLONG.
+// (attached, then the text: not empty, no ".." component), then the full
+// path. -1 with EINIT, EINVAL or ENAMETOOLONG.
 int KovDskPathArg(const char *rel, char *full);
 
-// Waits for a child of the library's own; an interrupted wait is issued
-// again, so the child's status is never left unread. -1 with errno if the
-// wait fails otherwise.
-int KovDskWaitChild(int child, int *status);
+// Whether every directory from the root down to rel that exists is one,
+// and no link to one: a link there could lead a walk or a change out of the
+// root. What does not exist ends the test, since it leads nowhere. -1 with
+// ENOTDIR, or with lstat's errno.
+int KovDskRealDir(const char *rel);
+
+// Opens a file that has to be a regular one, never waiting: with O_NONBLOCK
+// a FIFO or a device cannot hold the caller (and the table lock) in open,
+// and what is no regular file, or a link where O_NOFOLLOW is asked for, is
+// refused with errno `other`. The file's status goes to *st. The
+// descriptor; -1 if it could not be opened (or was refused); -2, with
+// fstat's errno, if its status could not be had.
+int KovDskOpenFile(const char *path, int flags, int other, struct stat *st);
+
+// Runs a tool found through PATH with the argument vector argv (on the
+// caller's stack) and waits for it: its exit code, or -1 if a signal ended
+// it (errno as on entry) or there was no child to wait for (errno of fork
+// or waitpid). A failed execvp exits with its -1, that is 255.
+int KovDskRunTool(const char *const *argv);
 
 inline bool KovDskNoText(const char *s) { return s == nullptr || *s == '\0'; }
 

@@ -69,6 +69,18 @@ bool KovDskAnyStreamOpen()
     return false;
 }
 
+// Roots the store cannot work under. The temporary sweep looks for ".1"
+// in an entry's whole path, root included, so such a root would make every
+// file temporary; and a link's text is split at its first "/usr/", so one
+// in the root (with the "/" that follows it) would send every pass area's
+// link elsewhere.
+bool KovDskRootBreaksStore(const char *root)
+{
+    size_t len = strlen(root);
+    return strstr(root, ".1") != nullptr || strstr(root, "/usr/") != nullptr ||
+           (len >= 4 && strcmp(root + len - 4, "/usr") == 0);
+}
+
 } // namespace
 
 bool KovDskSlotNameIs(const char *field, const char *name)
@@ -101,7 +113,7 @@ int KovDskKeyGet(char id)
 
 int KovDskInitSet(const char *root)
 {
-    if (root == nullptr || strlen(root) > kRootMax) {
+    if (root == nullptr || strlen(root) > kRootMax || KovDskRootBreaksStore(root)) {
         errno = EINVAL;
         return -1;
     }

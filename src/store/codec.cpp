@@ -96,7 +96,9 @@ void KovDskPutHex(char **end, char delim, const char *value, int size)
     *(*end)++ = delim;
 }
 
-bool KovDskValidDeadline(const char *d)
+} // namespace
+
+bool KovDskIsDeadline(const char *d)
 {
     if (d == nullptr || strlen(d) != 10)
         return false;
@@ -105,8 +107,6 @@ bool KovDskValidDeadline(const char *d)
             return false;
     return true;
 }
-
-} // namespace
 
 int KovDskHexEnc(const char *src, char *dst, int size)
 {
@@ -152,7 +152,7 @@ int KovDskNameBuild(unsigned kind, const char *name, const char *short_tag,
         KovDskPutHex(&end, 'f', short_tag, KOVDSK_STAG_BUF);
     if (!KovDskNoText(long_tag))
         KovDskPutHex(&end, 's', long_tag, KOVDSK_LTAG_BUF);
-    if (KovDskValidDeadline(deadline))  // any other deadline is dropped
+    if (KovDskIsDeadline(deadline))  // any other deadline is dropped
         end += sprintf(end, "d%.8sdm%.2sm", deadline, deadline + 8);
     memcpy(end, tmp ? ".1" : ".0", 2);
     return 0;

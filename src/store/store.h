@@ -1,6 +1,6 @@
 /*
  * store.h - the store's naming and layout: the stored-name codec
- * (codec.cpp), the area directories, searches and links (area.cpp), and how
+ * (codec.cpp), the area directories, searches and links (tree.cpp), and how
  * a file leaves the store (trash.cpp, shred.cpp).
  *
  * A stored file's metadata lives in its own directory-entry name, e.g.
@@ -42,8 +42,17 @@ int KovDskNameBuild(unsigned kind, const char *name, const char *short_tag,
 // than its value's limit.
 int KovDskNameParse(const char *stored, int *kind, char *name, char *short_tag,
                     char *long_tag, char *deadline, int *tmp);
+// A deadline a stored name takes: exactly ten decimal digits. Any other is
+// dropped without an error.
+bool KovDskIsDeadline(const char *deadline);
 
-// ---- Areas and links (area.cpp) -------------------------------------------
+// The one rule by which a file name and kind match a given name and kind,
+// for stored names and open slots alike: mode 1 exact (kind 0 is kind 0),
+// mode 2 the name a prefix and kind 0 any kind, any other mode everything.
+bool KovDskNameMatches(int mode, const char *name, unsigned kind, const char *got_name,
+                       unsigned got_kind);
+
+// ---- Areas and links (tree.cpp) -------------------------------------------
 
 // Selectors an operation accepts, as a set of bits.
 constexpr unsigned KOVDSK_AREAS_WRITE = 1u << 0 | 1u << 1 | 1u << 3;
@@ -57,16 +66,23 @@ int KovDskAreaPath(char *out, unsigned area, uint64_t id, const char *user,
 // "usr/" + the user in hex, encoded at the given size.
 void KovDskUserPath(char *out, const char *user, int size);
 
-// Stored names in an area that match: mode 1 exact, 2 prefix, else all;
-// symlinks only with the link flag. The last match goes to out (256 bytes).
+// Stored names in an area that match (KovDskNameMatches); with the link
+// flag, links of the library's own making too. The last match goes to out
+// (256 bytes).
 int KovDskNameFind(const char *area, unsigned kind, const char *name, char *out,
                    int mode, int linkflag);
 // ".../usr/<user>/<pass>/<file>" taken apart. -1 with EINVAL.
 int KovDskPathSplit(const char *path, char *user, char *pass, char *file);
 // The links of a pass area's file in "general" and in its user's directory.
 int KovDskLinkMake(const char *fullpath);
-// The real file behind a link, under the root of the table.
+// The real file behind a link of the library's making, under the root of
+// the table: the link's text taken apart at "/usr/" into user, pass and a
+// file directly in the pass area, with no ".." and no link on the way. -1
+// with EINVAL (or the errno of the step that failed) for any other link: it
+// is no stored file and is never followed.
 int KovDskLinkResolve(const char *link, char *out);
+// Whether a path is a link of the library's making (KovDskLinkResolve).
+bool KovDskOwnLink(const char *path);
 // A path that names a link becomes the real file's path; on a failure, or
 // for anything but a link, the path stays as it is.
 void KovDskResolveInPlace(char *path);

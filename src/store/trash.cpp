@@ -69,7 +69,9 @@ int KovDskDiscard(const char *fullpath)
     char rel[32], target[KOVDSK_PATH_MAX];
     snprintf(rel, sizeof rel, ".trash/%016X", static_cast<unsigned>(AccTbl->trash_seq));
     AccTbl->trash_seq++;  // moves on whatever happens next; wraps at 65535
-    if (KovDskFullPath(target, rel) == -1 || rename(fullpath, target) == -1)
+    // ".trash" as a link would take the file out of the root.
+    if (KovDskRealDir(".trash") == -1 || KovDskFullPath(target, rel) == -1 ||
+        rename(fullpath, target) == -1)
         return -1;
     AccTbl->gbg_flag = 1;
     return 0;  // the callers sync when their work is done
@@ -79,7 +81,8 @@ int KovDskLinkedDel(const char *path)
 {
     char real[KOVDSK_PATH_MAX];
     struct stat st;
-    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+    bool link = lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
+    if (link) {
         if (KovDskLinkResolve(path, real) == -1)
             return -1;
     } else {
@@ -90,10 +93,16 @@ int KovDskLinkedDel(const char *path)
     char user[KOVDSK_USER_HEX_BUF], pass[KOVDSK_PASS_HEX_BUF], file[KOVDSK_STORED_MAX];
     if (KovDskPathSplit(real, user, pass, file) == -1)
         return -1;
-
     char rel[KOVDSK_PATH_MAX];
+    // Nothing is taken through a linked directory (a link's own resolution
+    // has made sure of that already).
+    snprintf(rel, sizeof rel, "usr/%s/%s", user, pass);
+    if (!link && KovDskRealDir(rel) == -1)
+        return -1;
+
+    // "general" as a link would have the removal of the link happen elsewhere.
     snprintf(rel, sizeof rel, "general/%s", file);
-    if (KovDskRemoveRel(rel) == -1)
+    if (KovDskRealDir("general") == -1 || KovDskRemoveRel(rel) == -1)
         return -1;
     if (KovDskDiscard(real) == -1)
         return -1;

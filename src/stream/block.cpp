@@ -1,20 +1,32 @@
 /*
- * block.cpp - the block logic of every write stream: data gathers in the
- * slot's aligned buffer, and each time it holds 4096 bytes they go to the
- * file as one block, past the system's cache. The file's length therefore
- * stays a multiple of 4096 until the close writes the tail.
+ * block.cpp - what every stream shares: the slot's aligned block buffer,
+ * the O_DIRECT switch, and the block logic of the write streams. Data
+ * gathers in the buffer, and each time it holds 4096 bytes they go to the
+ * file as one block, past the system's cache; the close writes the tail.
  */
 #include "stream/stream.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
-char *KovDskAlignBlock(char *raw)
+char *KovDskBlockBuf(char **buf)
 {
+    char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
+    if (raw == nullptr)
+        return nullptr;
     uintptr_t at = reinterpret_cast<uintptr_t>(raw);
-    if (at % KOVDSK_BLOCK == 0)
-        return raw;
-    return raw + (KOVDSK_BLOCK - at % KOVDSK_BLOCK);
+    *buf = at % KOVDSK_BLOCK == 0 ? raw : raw + (KOVDSK_BLOCK - at % KOVDSK_BLOCK);
+    memset(raw, 0, KOVDSK_RAWBUF);
+    return raw;
+}
+
+void KovDskSetDirect(int fd, bool on)
+{
+    int flags = fcntl(fd, F_GETFL);
+    if (flags != -1)
+        fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT);
 }
 
 int KovDskBlockLoop(int fd, char *buf, uint32_t *fill, const char *data, uint32_t length,

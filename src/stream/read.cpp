@@ -21,7 +21,8 @@
 namespace {
 
 // The work under the table lock: a free slot, the file, its descriptor and
-// buffer. The slot's used stays 0 on every failure.
+// buffer. The slot's used stays 0 on every failure; what was written to it
+// before (file, then name, kind and dir) stays in the free slot.
 int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
 {
     int slot = KovDskFreeSlot(AccTbl->rd);
@@ -39,32 +40,38 @@ int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
         return -1;
     KovDskResolveInPlace(path);
 
-    int fd = open(path, O_RDONLY | O_DIRECT);
-    if (fd == -1)
+    // Never a link here (the library's own were resolved), and nothing that
+    // is no regular file: that is no stored file.
+    struct stat st;
+    int fd = KovDskOpenFile(path, O_RDONLY | O_DIRECT | O_NOFOLLOW, ENOENT, &st);
+    if (fd < 0)
         return -1;
-    r.fd = fd;
     strncpy(r.name, name, sizeof r.name);
     r.kind = static_cast<int>(kind);
     strcpy(r.dir, areapath);  // an area path is short
-    char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
-    struct stat st;
-    if (raw == nullptr || stat(path, &st) == -1) {
-        KovDskErrnoKeeper keep;
-        free(raw);
-        close(fd);
+    if (KovDskReadSlotFill(r, fd, st) == -1)
         return -1;
-    }
-    r.rawbuf = raw;
-    r.buf = KovDskAlignBlock(raw);
-    memset(raw, 0, KOVDSK_RAWBUF);
-    r.fill = 0;
-    r.pos = 0;
-    r.used = 1;
-    r.remain = static_cast<uint64_t>(static_cast<int64_t>(st.st_size));
     return slot;
 }
 
 } // namespace
+
+int KovDskReadSlotFill(KovDskAccRdEnt &r, int fd, const struct stat &st)
+{
+    char *raw = KovDskBlockBuf(&r.buf);
+    if (raw == nullptr) {
+        KovDskErrnoKeeper keep;
+        close(fd);
+        return -1;
+    }
+    r.fd = fd;
+    r.rawbuf = raw;
+    r.fill = 0;
+    r.pos = 0;
+    r.remain = static_cast<uint64_t>(static_cast<int64_t>(st.st_size));
+    r.used = 1;
+    return 0;
+}
 
 int KovDskReadOpen(const char *name, unsigned int kind, unsigned int area, uint64_t id,
                    const char *user, uint64_t pass)
@@ -115,11 +122,8 @@ int KovDskRead(int handle, void *buffer, unsigned int length)
     }
     while (d < length) {
         uint32_t want = length - d < KOVDSK_BLOCK ? length - d : KOVDSK_BLOCK;
-        if (r.remain < KOVDSK_BLOCK) {
-            int flags = fcntl(r.fd, F_GETFL);
-            if (flags != -1)
-                fcntl(r.fd, F_SETFL, flags & ~O_DIRECT);
-        }
+        if (r.remain < KOVDSK_BLOCK)
+            KovDskSetDirect(r.fd, false);  // the last part is no whole block
         ssize_t n = read(r.fd, r.buf, KOVDSK_BLOCK);  // always a whole block
         if (n == 0)
             break;

@@ -4,7 +4,8 @@
  * 4096-byte blocks with O_DIRECT.
  *
  * write_open.cpp brings a file into the store and claims a write slot,
- * write.cpp carries and closes the stream, read.cpp reads a stored file.
+ * write.cpp carries and closes the stream, read.cpp reads a stored file;
+ * block.cpp holds what they share with the direct streams.
  */
 #ifndef KOVDSK_STREAM_H
 #define KOVDSK_STREAM_H
@@ -15,9 +16,21 @@
 
 constexpr unsigned KOVDSK_RAWBUF = 2 * KOVDSK_BLOCK;  // room for one aligned block
 
-// The 4096-aligned block inside an 8192-byte heap block: raw itself when
-// aligned, else raw rounded down to a multiple of 4096, plus 4096.
-char *KovDskAlignBlock(char *raw);
+// A stream's block buffer: 8192 bytes from the heap, cleared, and in *buf
+// the 4096-aligned block inside them (the heap block itself when aligned,
+// else rounded down to a multiple of 4096, plus 4096). The heap block, or
+// nullptr with malloc's errno.
+char *KovDskBlockBuf(char **buf);
+
+// Turns O_DIRECT on or off on an open descriptor; failures are not looked
+// at (the next read or write tells).
+void KovDskSetDirect(int fd, bool on);
+
+// Completes read slot r for the descriptor fd of a regular file of status
+// st: its block buffer, and remain from the size, then used. If the buffer
+// cannot be had, fd is closed and -1 returned with malloc's errno; the
+// slot's used stays 0.
+int KovDskReadSlotFill(KovDskAccRdEnt &r, int fd, const struct stat &st);
 
 // The lowest free slot of a slot array, or -1.
 template <typename Slot>

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -37,6 +38,20 @@ KovDskAccWrEnt *KovDskWriteSlot(int handle)
     return w;
 }
 
+// The stream's file opened for appending. Each call opens it anew, so what
+// stands there may be anything by now: a link, on the way or in its place,
+// or anything but a regular file is no stored file.
+int KovDskStoredFile(const KovDskAccWrEnt *w, const char *path, int direct)
+{
+    struct stat st;
+    if (KovDskRealDir(w->dir) == -1) {
+        if (errno == ENOTDIR)
+            errno = ENOENT;
+        return -1;
+    }
+    return KovDskOpenFile(path, O_WRONLY | O_APPEND | O_NOFOLLOW | direct, ENOENT, &st);
+}
+
 // Appends one write's data with the stream's descriptor open on the file.
 int KovDskAppend(KovDskAccWrEnt *w, int fd, const void *data, unsigned length)
 {
@@ -57,8 +72,8 @@ int KovDskFlushTail(KovDskAccWrEnt *w)
     if (KovDskEntryPath(path, w->dir, w->file) == -1)
         return -1;
     KovDskActivity busy;
-    int fd = open(path, O_WRONLY | O_APPEND);
-    if (fd == -1)
+    int fd = KovDskStoredFile(w, path, 0);
+    if (fd < 0)
         return -1;
     if (write(fd, w->buf, w->fill) == -1) {
         KovDskErrnoKeeper keep;
@@ -89,8 +104,8 @@ int KovDskWrite(int handle, const void *data, unsigned int length)
         return -1;
 
     KovDskActivity busy;
-    int fd = open(path, O_WRONLY | O_APPEND | (w->kind == 6 ? 0 : O_DIRECT));
-    if (fd == -1)
+    int fd = KovDskStoredFile(w, path, w->kind == 6 ? 0 : O_DIRECT);
+    if (fd < 0)
         return -1;
     if (KovDskAppend(w, fd, data, length) == -1) {
         KovDskErrnoKeeper keep;

@@ -10,7 +10,6 @@
 
 #include "store/store.h"
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -65,6 +64,8 @@ bool KovDskNamesake(const char *area, const KovDskNewFile &nf, char *path)
 }
 
 // Each directory of the area path that is missing, shortest prefix first.
+// Something else in the place of one, a link to a directory among it, is
+// no directory of the store: ENOTDIR, before anything is made through it.
 int KovDskMakeAreaDirs(const char *areapath)
 {
     char prefix[KOVDSK_PATH_MAX];
@@ -76,9 +77,16 @@ int KovDskMakeAreaDirs(const char *areapath)
         prefix[end] = '\0';
         char full[KOVDSK_PATH_MAX];
         struct stat st;
-        if (KovDskFullPath(full, prefix) == 0 && stat(full, &st) == 0 && S_ISDIR(st.st_mode))
-            continue;
-        if (KovDskMkDir(prefix) == -1 && errno != EEXIST)
+        if (KovDskFullPath(full, prefix) == -1)
+            return -1;
+        if (lstat(full, &st) == 0) {
+            if (S_ISDIR(st.st_mode))
+                continue;
+            errno = ENOTDIR;
+            return -1;
+        }
+        // A directory made by another process meanwhile will do as well.
+        if (errno != ENOENT || (KovDskMkDir(prefix) == -1 && errno != EEXIST))
             return -1;
     }
     return 0;
@@ -113,8 +121,10 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
         return -1;
     if (KovDskEntryPath(nf.full, nf.areapath, w.file) == -1)
         return -1;
-    int fd = open(nf.full, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd == -1)
+    // Whatever stands at the new name that no search took away (a link the
+    // library did not make, a FIFO, a directory) is in the way.
+    int fd = KovDskOpenFile(nf.full, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, EEXIST, &st);
+    if (fd < 0)
         return -1;
     close(fd);
     KovDskStamp(nf.full);
@@ -123,14 +133,11 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
         return -1;  // the file stays, empty, with the links made so far
 
     if (nf.kind != 6) {
-        char *raw = static_cast<char *>(malloc(KOVDSK_RAWBUF));
-        if (raw == nullptr) {
+        w.rawbuf = KovDskBlockBuf(&w.buf);
+        if (w.rawbuf == nullptr) {
             *undo = true;
             return -1;
         }
-        w.rawbuf = raw;
-        w.buf = KovDskAlignBlock(raw);
-        memset(raw, 0, KOVDSK_RAWBUF);
         w.fill = 0;
     }
     w.used = 1;
@@ -140,16 +147,6 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
     strcpy(w.dir, nf.areapath);  // an area path is short
     sync();
     return slot;
-}
-
-bool KovDskIsDeadline(const char *d)
-{
-    if (d == nullptr || strlen(d) != 10)
-        return false;
-    for (int i = 0; i < 10; i++)
-        if (!isdigit(static_cast<unsigned char>(d[i])))
-            return false;
-    return true;
 }
 
 } // namespace

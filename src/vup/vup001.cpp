@@ -63,6 +63,10 @@ int KovDskVup001(const char *user, uint64_t pass)
 
     KovDskTableLock lock;
     KovDskActivity busy;
+    // Old files move into "usr" before any search of it: through a link
+    // there they would leave the root.
+    if (KovDskRealDir("usr") == -1)
+        return -1;
     if (KovDskMoveOld("general", "usr", false) == 0) {
         syslog(LOG_INFO, " [KovDskVup001] No old files");
         return -1;

@@ -1,5 +1,5 @@
 /*
- * area.cpp - the store's directory tree under the root:
+ * tree.cpp - the store's directory tree under the root:
  *
  *   general                 the common area, and a link to every pass-area file
  *   uid/<%016llX id>        an id area
@@ -9,7 +9,8 @@
  *
  * The area path rule is here and nowhere else. A file of a pass area has
  * three entries of one stored name: the file, and a link in "general" and in
- * its user's directory, both holding the file's full path.
+ * its user's directory, both holding the file's full path. A link of any
+ * other shape was not made here: it is no stored file and never followed.
  */
 #include "store/store.h"
 
@@ -22,16 +23,6 @@
 #include <unistd.h>
 
 namespace {
-
-bool KovDskMatches(int mode, unsigned kind, const char *name, int got_kind, const char *got_name)
-{
-    if (mode == 1)
-        return static_cast<unsigned>(got_kind) == kind && strcmp(got_name, name) == 0;
-    if (mode == 2)
-        return (kind == 0 || static_cast<unsigned>(got_kind) == kind) &&
-               strncmp(got_name, name, strlen(name)) == 0;
-    return true;
-}
 
 // Copies the text up to the next "/" into out (cap bytes with terminator).
 // Returns the position behind the "/", or nullptr when there is no "/" or
@@ -49,35 +40,17 @@ const char *KovDskPiece(const char *from, char *out, size_t cap)
     return slash + 1;
 }
 
-// A regular file, or with the link flag a symlink, seen without following
-// a link. The directory's own word on the type serves where it has one: a
-// search of a large area then costs no lstat per entry.
-bool KovDskEntryIs(const KovDskDir &dir, const char *dirpath, const char *entry, int linkflag)
-{
-    unsigned char type = dir.type();
-    if (type == DT_UNKNOWN) {
-        char path[KOVDSK_PATH_MAX];
-        struct stat st;
-        if (!KovDskJoin(path, dirpath, entry) || lstat(path, &st) != 0)
-            return false;
-        type = S_ISREG(st.st_mode) ? DT_REG : S_ISLNK(st.st_mode) ? DT_LNK : DT_UNKNOWN;
-    }
-    return type == DT_REG || (linkflag && type == DT_LNK);
-}
-
-// Whether a piece of a link's text has a ".." component. The path built
-// from such pieces would climb out of the pass area, and with enough of them
-// out of the root; no link of the library's making holds one (user and pass
-// texts are hex, a stored name has no "/").
-bool KovDskClimbs(const char *piece)
-{
-    for (const char *p = piece; (p = strstr(p, "..")) != nullptr; p += 2)
-        if ((p == piece || p[-1] == '/') && (p[2] == '\0' || p[2] == '/'))
-            return true;
-    return false;
-}
-
 } // namespace
+
+bool KovDskNameMatches(int mode, const char *name, unsigned kind, const char *got_name,
+                       unsigned got_kind)
+{
+    if (mode == 1)
+        return got_kind == kind && strcmp(got_name, name) == 0;
+    if (mode == 2)
+        return (kind == 0 || got_kind == kind) && strncmp(got_name, name, strlen(name)) == 0;
+    return true;
+}
 
 void KovDskUserPath(char *out, const char *user, int size)
 {
@@ -118,14 +91,17 @@ int KovDskNameFind(const char *area, unsigned kind, const char *name, char *out,
 
     int count = 0;
     while (const char *entry = dir.next()) {
-        if (!KovDskEntryIs(dir, dirpath, entry, linkflag))
+        unsigned char type = dir.type();
+        if (type != DT_REG && !(linkflag && type == DT_LNK))
             continue;
         int got_kind;
         char got_name[KOVDSK_FNAME_BUF];
-        if (KovDskNameParse(entry, &got_kind, got_name, nullptr, nullptr, nullptr, nullptr) != 0)
+        if (KovDskNameParse(entry, &got_kind, got_name, nullptr, nullptr, nullptr, nullptr) != 0 ||
+            !KovDskNameMatches(mode, name, kind, got_name, static_cast<unsigned>(got_kind)))
             continue;
-        if (!KovDskMatches(mode, kind, name, got_kind, got_name))
-            continue;
+        char path[KOVDSK_PATH_MAX];
+        if (type == DT_LNK && !(KovDskJoin(path, dirpath, entry) && KovDskOwnLink(path)))
+            continue;  // a link the library did not make is no stored file
         strncpy(out, entry, KOVDSK_STORED_MAX - 1);  // zero-fills the rest
         out[KOVDSK_STORED_MAX - 1] = '\0';
         count++;
@@ -158,14 +134,18 @@ int KovDskLinkMake(const char *fullpath)
     if (KovDskPathSplit(fullpath, user, pass, file) == -1)
         return -1;
 
+    // Each link goes into a directory of the store, not through a link to
+    // somewhere else. No rollback: a failure of the second leaves the first.
     char rel[KOVDSK_PATH_MAX], link[KOVDSK_PATH_MAX];
-    snprintf(rel, sizeof rel, "general/%s", file);
-    if (KovDskFullPath(link, rel) == -1 || symlink(fullpath, link) == -1)
-        return -1;
-    // No rollback: a failure here leaves the link in "general".
-    snprintf(rel, sizeof rel, "usr/%s/%s", user, file);
-    if (KovDskFullPath(link, rel) == -1 || symlink(fullpath, link) == -1)
-        return -1;
+    snprintf(rel, sizeof rel, "usr/%s", user);
+    const char *dirs[] = {"general", rel};
+    for (const char *dir : dirs) {
+        char at[KOVDSK_PATH_MAX];
+        snprintf(at, sizeof at, "%s/%s", dir, file);
+        if (KovDskRealDir(dir) == -1 || KovDskFullPath(link, at) == -1 ||
+            symlink(fullpath, link) == -1)
+            return -1;
+    }
     return 0;
 }
 
@@ -183,18 +163,31 @@ int KovDskLinkResolve(const char *link, char *out)
     char user[KOVDSK_USER_HEX_BUF], pass[KOVDSK_PASS_HEX_BUF], file[KOVDSK_STORED_MAX];
     if (KovDskPathSplit(text, user, pass, file) == -1)
         return -1;
-    if (KovDskClimbs(user) || KovDskClimbs(pass) || KovDskClimbs(file)) {
+    // No link of the library's making climbs with "..", points below the
+    // pass area, or runs through a directory that is a link.
+    char rel[KOVDSK_PATH_MAX], real[KOVDSK_PATH_MAX];
+    snprintf(rel, sizeof rel, "usr/%s/%s", user, pass);
+    if (KovDskClimbs(rel) || KovDskClimbs(file) || strchr(file, '/') != nullptr) {
         errno = EINVAL;
         return -1;
     }
+    if (KovDskRealDir(rel) == -1)
+        return -1;
     // The root of the table, not the link's: links survive a move of the root.
-    char rel[KOVDSK_PATH_MAX], real[KOVDSK_PATH_MAX];
-    snprintf(rel, sizeof rel, "usr/%s/%s/%s", user, pass, file);
+    strcat(rel, "/");
+    strcat(rel, file);
     if (KovDskFullPath(real, rel) == -1)
         return -1;
     memset(out, 0, KOVDSK_PATH_MAX);
     strcpy(out, real);
     return 0;
+}
+
+bool KovDskOwnLink(const char *path)
+{
+    char real[KOVDSK_PATH_MAX];
+    KovDskErrnoKeeper keep;
+    return KovDskLinkResolve(path, real) == 0;
 }
 
 void KovDskResolveInPlace(char *path)

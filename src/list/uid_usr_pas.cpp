@@ -1,5 +1,5 @@
 /*
- * areas.cpp - the areas themselves: the ids under "uid", the users under
+ * uid_usr_pas.cpp - the areas themselves: the ids under "uid", the users under
  * "usr", the passes of one user, each a sorted array of fixed records. Mode
  * 1 hides an area with no live stored file (KovDskRmnFle), mode 2 sweeps
  * expired files first. Unlike the file listing these remove nothing and do
@@ -39,12 +39,13 @@ bool KovDskRecordOf(KovDskAreaKind what, const char *entry, char *record)
     return true;
 }
 
-// The scan of one directory into *list, under the table lock.
-int KovDskAreaScan(KovDskAreaKind what, uint32_t mode, const char *dirpath, uint32_t *count,
+// The scan of one directory below the root into *list, under the table lock.
+int KovDskAreaScan(KovDskAreaKind what, uint32_t mode, const char *rel, uint32_t *count,
                    char **list)
 {
     const size_t size = what == KovDskAreaKind::Users ? KOVDSK_USR_REC : sizeof(uint64_t);
-    KovDskDir dir(dirpath);
+    char dirpath[KOVDSK_PATH_MAX];
+    KovDskDir dir(rel, dirpath);
     if (!dir.ok())
         return -1;
     char *records = static_cast<char *>(malloc(size));
@@ -94,17 +95,15 @@ int KovDskAreaList(KovDskAreaKind what, uint32_t mode, const char *user, uint32_
         errno = EINVAL;
         return -1;
     }
-    char rel[KOVDSK_PATH_MAX], dirpath[KOVDSK_PATH_MAX];
+    char rel[KOVDSK_PATH_MAX];
     if (what == KovDskAreaKind::Passes)
         KovDskUserPath(rel, user, KOVDSK_USR_REC);  // the first 64 bytes count here
     else
         strcpy(rel, what == KovDskAreaKind::Ids ? "uid" : "usr");
-    if (KovDskFullPath(dirpath, rel) == -1)
-        return -1;
 
     KovDskTableLock lock;
     KovDskActivity busy;
-    return KovDskAreaScan(what, mode, dirpath, count, list);
+    return KovDskAreaScan(what, mode, rel, count, list);
 }
 
 } // namespace
