@@ -46,6 +46,72 @@ extern "C" {
 #define KOVDSK_BLOCK      4096   /* the O_DIRECT block */
 #define KOVDSK_USR_REC    65     /* one record of the user array */
 
+/* ---- Limits of what a stored name keeps ----------------------------------
+ * Longer values are cut without an error: only their first bytes reach the
+ * stored name (and the directory of a user), so a lookup with the full text
+ * finds nothing. */
+#define KOVDSK_NAME_MAX      32  /* bytes of a file name; 1 at least */
+#define KOVDSK_SHORT_TAG_MAX 16  /* bytes of a short tag */
+#define KOVDSK_LONG_TAG_MAX  64  /* bytes of a long tag */
+#define KOVDSK_USER_MAX      63  /* bytes of a user (KovDskPasList: 64) */
+#define KOVDSK_DEADLINE_LEN  10  /* digits of a deadline, YYMMDDHHMM */
+#define KOVDSK_KIND_MAX      255 /* kinds are 0 to 255 */
+#define KOVDSK_PASS_BUF      17  /* the pass buffer of KovDskPasCheck */
+#define KOVDSK_IDENTIFY_SIZE 512 /* IDENTIFY DEVICE data */
+
+/* ---- Named values of arguments -------------------------------------------- */
+
+/* area: which store area an operation works on. */
+#define KOVDSK_AREA_GENERAL 0u   /* "general", the common area */
+#define KOVDSK_AREA_ID      1u   /* "uid/<id>", by the id argument */
+#define KOVDSK_AREA_USER    2u   /* "usr/<user>": links only, no writes */
+#define KOVDSK_AREA_PASS    3u   /* "usr/<user>/<pass>" */
+
+/* mode of KovDskDel: how the name selects stored files. */
+#define KOVDSK_MATCH_ALL    0    /* every stored file (any value but 1, 2) */
+#define KOVDSK_MATCH_EXACT  1    /* this name and this kind */
+#define KOVDSK_MATCH_PREFIX 2    /* names beginning so; kind 0: any kind */
+
+/* filter of KovDskList. */
+#define KOVDSK_FILTER_NONE  0u   /* expired files listed like any other */
+#define KOVDSK_FILTER_LIVE  1u   /* expired files left out */
+#define KOVDSK_FILTER_SWEEP 2u   /* KovDskTimeDel over the store first */
+
+/* sort of KovDskList, ascending; later keys break ties. */
+#define KOVDSK_SORT_KIND_NAME 0u /* kind, file name, short tag */
+#define KOVDSK_SORT_KIND_TAG  1u /* kind, short tag, file name */
+#define KOVDSK_SORT_TIME      2u /* time, kind, file name, short tag */
+
+/* mode of KovDskUidList, KovDskUsrList and KovDskPasList. */
+#define KOVDSK_LIST_ALL   0u     /* every directory (any value but 1, 2) */
+#define KOVDSK_LIST_LIVE  1u     /* only those holding a live stored file */
+#define KOVDSK_LIST_SWEEP 2u     /* KovDskTimeDel over the store first */
+
+/* mode of KovDskSelDel. */
+#define KOVDSK_TRASH_OFF 0       /* deleted files are removed at once */
+#define KOVDSK_TRASH_ON  1       /* they go to ".trash" (any value but 0) */
+
+/* The kind whose write stream has no buffer: its bytes reach the file in
+ * each KovDskWrite, and KovDskOpenTblCheck does not count it. */
+#define KOVDSK_KIND_UNBUFFERED 6u
+
+/* type of KovDskFileChk. */
+#define KOVDSK_CHK_FILE 0        /* a regular file */
+#define KOVDSK_CHK_DIR  1        /* a directory */
+
+/* mode of KovDskWriteOpenDirect. */
+#define KOVDSK_DIRECT_TRUNCATE 0u /* create or truncate */
+#define KOVDSK_DIRECT_APPEND   1u /* create or append */
+
+/* mode of KovDskDirList. */
+#define KOVDSK_DIRLIST_ALL    0u /* every entry, "." and ".." included */
+#define KOVDSK_DIRLIST_EXACT  1u /* the entry named pattern */
+#define KOVDSK_DIRLIST_PREFIX 2u /* entries whose names begin with pattern */
+
+/* which of the password calls: the ATA security identifier. */
+#define KOVDSK_PASSWD_USER   0
+#define KOVDSK_PASSWD_MASTER 1
+
 /* ---- The shared table ------------------------------------------------- */
 
 /* A write slot. Free when used is 0; a close clears the whole record. */

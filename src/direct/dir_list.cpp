@@ -32,7 +32,9 @@ int KovDskDirScan(const char *dir, const char *pattern, struct dirent ***list, u
 {
     strcpy(filecmp_buf, pattern);  // its length was tested on the way in
     int (*select)(const struct dirent *) =
-        mode == 1 ? KovDskDirSelExact : mode == 2 ? KovDskDirSelPrefix : nullptr;
+        mode == KOVDSK_DIRLIST_EXACT    ? KovDskDirSelExact
+        : mode == KOVDSK_DIRLIST_PREFIX ? KovDskDirSelPrefix
+                                        : nullptr;
     return scandir(dir, list, select, alphasort);
 }
 
@@ -58,7 +60,7 @@ int KovDskDirList(const char *dir, const char *pattern, KovDskDirRes *result, ui
 {
     if (!KovDskAttached())
         return -1;
-    if (dir == nullptr || KovDskClimbs(dir) || pattern == nullptr || result == nullptr || mode >= 3 ||
+    if (dir == nullptr || KovDskClimbs(dir) || pattern == nullptr || result == nullptr || mode > KOVDSK_DIRLIST_PREFIX ||
         strlen(pattern) >= sizeof filecmp_buf) {
         errno = EINVAL;
         return -1;

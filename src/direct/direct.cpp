@@ -85,7 +85,7 @@ int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full, int
     // A plain path may name anything: what is no regular file is refused
     // without waiting, like any open that fails.
     struct stat st;
-    int fd = KovDskOpenFile(full, O_WRONLY | O_CREAT | O_DIRECT | (mode == 0 ? O_TRUNC : O_APPEND),
+    int fd = KovDskOpenFile(full, O_WRONLY | O_CREAT | O_DIRECT | (mode == KOVDSK_DIRECT_TRUNCATE ? O_TRUNC : O_APPEND),
                             ENFILE, &st);
     if (fd < 0) {
         errno = ENFILE;  // whatever the reason
@@ -94,7 +94,7 @@ int KovDskWriteOpenLocked(const char *path, uint32_t mode, const char *full, int
     chmod(full, 0666);
     // An append needs the bytes up to the next boundary first; a file on
     // the boundary, an empty one too, takes a whole block without O_DIRECT.
-    uint32_t head = mode == 1 ? KOVDSK_BLOCK - static_cast<uint32_t>(st.st_size % KOVDSK_BLOCK) : 0;
+    uint32_t head = mode == KOVDSK_DIRECT_APPEND ? KOVDSK_BLOCK - static_cast<uint32_t>(st.st_size % KOVDSK_BLOCK) : 0;
 
     KovDskAccWrEnt &w = AccTbl->wr[slot];
     char *buf;
@@ -123,7 +123,7 @@ int KovDskWriteOpenDirect(const char *path, uint32_t mode)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(path) || KovDskClimbs(path) || mode >= 2 || strlen(path) > kDirectPathMax) {
+    if (KovDskNoText(path) || KovDskClimbs(path) || mode > KOVDSK_DIRECT_APPEND || strlen(path) > kDirectPathMax) {
         errno = EINVAL;
         return -1;
     }
@@ -139,7 +139,7 @@ int KovDskWriteOpenDirect(const char *path, uint32_t mode)
     if (undo != -1) {
         KovDskErrnoKeeper keep;
         close(undo);
-        if (mode == 0)
+        if (mode == KOVDSK_DIRECT_TRUNCATE)
             remove(full);  // truncated already; an appended file keeps its data
     }
     if (slot >= 0)

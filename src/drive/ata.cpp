@@ -43,7 +43,7 @@ struct KovDskSecBlock {
 int KovDskSecurity(const char *path, const char *password, unsigned char which,
                    unsigned long request, unsigned char command)
 {
-    if (KovDskNoText(path) || KovDskNoText(password) || which > 1) {
+    if (KovDskNoText(path) || KovDskNoText(password) || which > KOVDSK_PASSWD_MASTER) {
         errno = EINVAL;
         return -1;
     }

@@ -88,7 +88,7 @@ void KovDskListEntry(KovDskScan &scan, const char *dirpath, const char *entry,
     char deadline[KOVDSK_DEADLINE_BUF] = {};
     int parsed = KovDskNameParse(entry, &kind, fname, stag, ltag, deadline, &tmp);
     scan.seen++;
-    if (parsed != 0 || (scan.filter == 1 && KovDskExpired(scan.now, deadline)) ||
+    if (parsed != 0 || (scan.filter == KOVDSK_FILTER_LIVE && KovDskExpired(scan.now, deadline)) ||
         (scan.kind != 0 && static_cast<unsigned>(kind) != scan.kind) ||
         (!KovDskNoText(scan.name) && strncmp(fname, scan.name, strlen(scan.name)) != 0))
         return;
@@ -119,7 +119,7 @@ int KovDskListLocked(KovDskScan &scan, unsigned area, const char *areapath,
     char dirpath[KOVDSK_PATH_MAX];
     KovDskDir dir(areapath, dirpath);
     if (!dir.ok())  // an absent id or user area is an empty one
-        return area != 0 && errno == ENOENT ? 0 : -1;
+        return area != KOVDSK_AREA_GENERAL && errno == ENOENT ? 0 : -1;
 
     result->entries = static_cast<KovDskListEnt *>(malloc(sizeof(KovDskListEnt)));
     if (result->entries == nullptr)
@@ -138,7 +138,7 @@ int KovDskListLocked(KovDskScan &scan, unsigned area, const char *areapath,
 int KovDskList(const char *name, uint32_t kind, uint32_t area, uint64_t id, const char *user,
                uint64_t pass, uint32_t filter, KovDskListRes *result, uint32_t sort)
 {
-    if (filter == 2 && KovDskTimeDel() != 0)
+    if (filter == KOVDSK_FILTER_SWEEP && KovDskTimeDel() != 0)
         return -1;  // the header is not touched
     if (result == nullptr) {
         errno = EINVAL;
@@ -148,7 +148,7 @@ int KovDskList(const char *name, uint32_t kind, uint32_t area, uint64_t id, cons
     result->total = 0;
     if (!KovDskAttached())
         return -1;
-    if (kind >= 256 || filter >= 3 || sort >= 3) {
+    if (kind > KOVDSK_KIND_MAX || filter > KOVDSK_FILTER_SWEEP || sort > KOVDSK_SORT_TIME) {
         errno = EINVAL;
         return -1;
     }
@@ -174,7 +174,7 @@ int KovDskList(const char *name, uint32_t kind, uint32_t area, uint64_t id, cons
         result->total = 0;
         char dirpath[KOVDSK_PATH_MAX];
         // Nothing at all in it: an area other than "general" goes.
-        if (scan.seen == 0 && area != 0 && KovDskFullPath(dirpath, areapath) == 0) {
+        if (scan.seen == 0 && area != KOVDSK_AREA_GENERAL && KovDskFullPath(dirpath, areapath) == 0) {
             KovDskErrnoKeeper keep;
             remove(dirpath);
         }

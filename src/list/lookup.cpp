@@ -17,18 +17,18 @@ int KovDskPasCheck(const char *name, uint32_t kind, uint32_t *flag, void *pass)
         *flag = 0;
     if (!KovDskAttached())
         return -1;
-    if (name == nullptr || kind >= 256 || pass == nullptr || flag == nullptr) {
+    if (name == nullptr || kind > KOVDSK_KIND_MAX || pass == nullptr || flag == nullptr) {
         errno = EINVAL;
         return -1;
     }
-    memset(pass, 0, 17);
+    memset(pass, 0, KOVDSK_PASS_BUF);
 
     KovDskTableLock lock;
     KovDskActivity busy;
     // A file of "general" itself is no pass area's: only a link answers.
     char found[KOVDSK_STORED_MAX], path[KOVDSK_PATH_MAX], real[KOVDSK_PATH_MAX];
     struct stat st;
-    if (KovDskNameFind("general", kind, name, found, 1, 1) == 0 ||
+    if (KovDskNameFind("general", kind, name, found, KOVDSK_MATCH_EXACT, KOVDSK_LINKS_TOO) == 0 ||
         KovDskEntryPath(path, "general", found) == -1 || lstat(path, &st) != 0 ||
         !S_ISLNK(st.st_mode)) {
         errno = EINVAL;
@@ -60,7 +60,7 @@ int KovDskGetRealFileName(const char *name, uint32_t kind, uint32_t area, uint64
     // may be out of date the moment it is given.
     KovDskActivity busy;
     char found[KOVDSK_STORED_MAX];
-    if (KovDskNameFind(areapath, kind, name, found, 1, 1) == 0) {
+    if (KovDskNameFind(areapath, kind, name, found, KOVDSK_MATCH_EXACT, KOVDSK_LINKS_TOO) == 0) {
         errno = ENOENT;
         return -1;
     }

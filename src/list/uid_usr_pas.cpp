@@ -62,7 +62,7 @@ int KovDskAreaScan(KovDskAreaKind what, uint32_t mode, const char *rel, uint32_t
             continue;
         // A link to a directory is a user, never an id or a pass.
         int rc = what == KovDskAreaKind::Users ? stat(path, &st) : lstat(path, &st);
-        if (rc != 0 || !S_ISDIR(st.st_mode) || (mode == 1 && KovDskRmnFle(path) <= 0))
+        if (rc != 0 || !S_ISDIR(st.st_mode) || (mode == KOVDSK_LIST_LIVE && KovDskRmnFle(path) <= 0))
             continue;
         char *grown = static_cast<char *>(realloc(records, (n + 1) * size));
         if (grown == nullptr) {
@@ -87,7 +87,7 @@ int KovDskAreaScan(KovDskAreaKind what, uint32_t mode, const char *rel, uint32_t
 int KovDskAreaList(KovDskAreaKind what, uint32_t mode, const char *user, uint32_t *count,
                    char **list)
 {
-    if (mode == 2 && KovDskTimeDel() != 0)
+    if (mode == KOVDSK_LIST_SWEEP && KovDskTimeDel() != 0)
         return -1;
     if (!KovDskAttached())
         return -1;

@@ -148,7 +148,7 @@ int KovDskFileChk(const char *path, int type)
     char full[KOVDSK_PATH_MAX];
     if (KovDskPathArg(path, full) == -1)
         return -1;
-    if (type >= 2) {
+    if (type > KOVDSK_CHK_DIR) {
         errno = EINVAL;
         return -1;
     }
@@ -160,7 +160,7 @@ int KovDskFileChk(const char *path, int type)
         rc = stat(full, &st);
     }
     if (rc == 0) {
-        bool match = type == 0 ? S_ISREG(st.st_mode) : S_ISDIR(st.st_mode);
+        bool match = type == KOVDSK_CHK_FILE ? S_ISREG(st.st_mode) : S_ISDIR(st.st_mode);
         return match ? 0 : 1;
     }
     // Absent, or a parent that is no directory: "not of that type".

@@ -64,7 +64,7 @@ bool KovDskAnyStreamOpen()
         if (rd.used != 0)
             return true;
     for (const KovDskAccWrEnt &wr : AccTbl->wr)
-        if (wr.used != 0 && wr.kind != 6)
+        if (wr.used != 0 && wr.kind != static_cast<int>(KOVDSK_KIND_UNBUFFERED))
             return true;
     return false;
 }

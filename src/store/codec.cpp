@@ -141,7 +141,7 @@ int KovDskHexDec(const char *src, char *dst)
 int KovDskNameBuild(unsigned kind, const char *name, const char *short_tag,
                     const char *long_tag, const char *deadline, int tmp, char *out)
 {
-    if (KovDskNoText(name) || kind >= 256 || out == nullptr) {
+    if (KovDskNoText(name) || kind > KOVDSK_KIND_MAX || out == nullptr) {
         errno = EINVAL;
         return -1;
     }

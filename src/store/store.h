@@ -16,13 +16,12 @@
 
 #include <cstdint>
 
-// Limits of the values a stored name carries, and the caller buffers of the
-// parser (value plus terminator).
-constexpr int KOVDSK_FNAME_BUF = 33;
-constexpr int KOVDSK_STAG_BUF = 17;
-constexpr int KOVDSK_LTAG_BUF = 65;
-constexpr int KOVDSK_DEADLINE_BUF = 11;
-constexpr int KOVDSK_USER_SIZE = 64;      // users count by their first 63 bytes
+// The caller buffers of the parser: each value's limit and a terminator.
+constexpr int KOVDSK_FNAME_BUF = KOVDSK_NAME_MAX + 1;
+constexpr int KOVDSK_STAG_BUF = KOVDSK_SHORT_TAG_MAX + 1;
+constexpr int KOVDSK_LTAG_BUF = KOVDSK_LONG_TAG_MAX + 1;
+constexpr int KOVDSK_DEADLINE_BUF = KOVDSK_DEADLINE_LEN + 1;
+constexpr int KOVDSK_USER_SIZE = KOVDSK_USER_MAX + 1;  // the hex encoder's size for a user
 constexpr int KOVDSK_USER_HEX_BUF = 136;  // the splitter's user buffer
 constexpr int KOVDSK_PASS_HEX_BUF = 40;   // the splitter's pass buffer
 
@@ -55,8 +54,13 @@ bool KovDskNameMatches(int mode, const char *name, unsigned kind, const char *go
 // ---- Areas and links (tree.cpp) -------------------------------------------
 
 // Selectors an operation accepts, as a set of bits.
-constexpr unsigned KOVDSK_AREAS_WRITE = 1u << 0 | 1u << 1 | 1u << 3;
-constexpr unsigned KOVDSK_AREAS_ALL = 1u << 0 | 1u << 1 | 1u << 2 | 1u << 3;
+constexpr unsigned KOVDSK_AREAS_WRITE =
+    1u << KOVDSK_AREA_GENERAL | 1u << KOVDSK_AREA_ID | 1u << KOVDSK_AREA_PASS;
+constexpr unsigned KOVDSK_AREAS_ALL = KOVDSK_AREAS_WRITE | 1u << KOVDSK_AREA_USER;
+
+// The link flag of KovDskNameFind.
+constexpr int KOVDSK_FILES_ONLY = 0;
+constexpr int KOVDSK_LINKS_TOO = 1;
 
 // The area path of a selector ("general", "uid/<id>", "usr/<user>",
 // "usr/<user>/<pass>") into a buffer of KOVDSK_PATH_MAX bytes. -1 with EINVAL

@@ -60,7 +60,7 @@ bool KovDskFirstGarbage(KovDskDir &trash, const char *trashdir, char *path)
 
 int KovDskDiscard(const char *fullpath)
 {
-    if (AccTbl->trash_mode == 0) {
+    if (AccTbl->trash_mode == KOVDSK_TRASH_OFF) {
         int rc = remove(fullpath);
         KovDskErrnoKeeper keep;
         sync();
@@ -133,7 +133,7 @@ int KovDskGbgChk(void)
     if (!KovDskAttached())
         return -1;
     KovDskTableLock lock;
-    return AccTbl->trash_mode != 0 ? AccTbl->gbg_flag : 0;
+    return AccTbl->trash_mode != KOVDSK_TRASH_OFF ? AccTbl->gbg_flag : 0;
 }
 
 int KovDskGbgIni(void)
@@ -141,7 +141,7 @@ int KovDskGbgIni(void)
     if (!KovDskAttached())
         return -1;
     KovDskTableLock lock;
-    if (AccTbl->trash_mode == 0)
+    if (AccTbl->trash_mode == KOVDSK_TRASH_OFF)
         return 0;
     KovDskActivity busy;
     char trashdir[KOVDSK_PATH_MAX], path[KOVDSK_PATH_MAX];
@@ -157,7 +157,7 @@ int KovDskFleSrd(void)
     if (!KovDskAttached())
         return -1;
     KovDskTableLock lock;
-    if (AccTbl->trash_mode == 0 || AccTbl->gbg_flag == 0)
+    if (AccTbl->trash_mode == KOVDSK_TRASH_OFF || AccTbl->gbg_flag == 0)
         return 0;
     KovDskActivity busy;
     char trashdir[KOVDSK_PATH_MAX], path[KOVDSK_PATH_MAX];

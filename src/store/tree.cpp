@@ -45,9 +45,9 @@ const char *KovDskPiece(const char *from, char *out, size_t cap)
 bool KovDskNameMatches(int mode, const char *name, unsigned kind, const char *got_name,
                        unsigned got_kind)
 {
-    if (mode == 1)
+    if (mode == KOVDSK_MATCH_EXACT)
         return got_kind == kind && strcmp(got_name, name) == 0;
-    if (mode == 2)
+    if (mode == KOVDSK_MATCH_PREFIX)
         return (kind == 0 || got_kind == kind) && strncmp(got_name, name, strlen(name)) == 0;
     return true;
 }
@@ -61,7 +61,7 @@ void KovDskUserPath(char *out, const char *user, int size)
 int KovDskAreaPath(char *out, unsigned area, uint64_t id, const char *user,
                    uint64_t pass, unsigned accepted)
 {
-    if (area > 3 || (accepted & 1u << area) == 0 || (area >= 2 && user == nullptr)) {
+    if (area > KOVDSK_AREA_PASS || (accepted & 1u << area) == 0 || (area >= KOVDSK_AREA_USER && user == nullptr)) {
         errno = EINVAL;
         return -1;
     }
@@ -74,7 +74,7 @@ int KovDskAreaPath(char *out, unsigned area, uint64_t id, const char *user,
         break;
     default:
         KovDskUserPath(out, user, KOVDSK_USER_SIZE);
-        if (area == 3)
+        if (area == KOVDSK_AREA_PASS)
             sprintf(out + strlen(out), "/%016" PRIX64, pass);
         break;
     }

@@ -31,7 +31,7 @@ int KovDskReadOpenLocked(const char *name, unsigned kind, const char *areapath)
         return -1;
     }
     KovDskAccRdEnt &r = AccTbl->rd[slot];
-    if (KovDskNameFind(areapath, kind, name, r.file, 1, 1) == 0) {
+    if (KovDskNameFind(areapath, kind, name, r.file, KOVDSK_MATCH_EXACT, KOVDSK_LINKS_TOO) == 0) {
         errno = ENOENT;
         return -1;
     }
@@ -78,7 +78,7 @@ int KovDskReadOpen(const char *name, unsigned int kind, unsigned int area, uint6
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(name) || kind >= 256) {
+    if (KovDskNoText(name) || kind > KOVDSK_KIND_MAX) {
         errno = EINVAL;
         return -1;
     }

@@ -55,7 +55,7 @@ int KovDskStoredFile(const KovDskAccWrEnt *w, const char *path, int direct)
 // Appends one write's data with the stream's descriptor open on the file.
 int KovDskAppend(KovDskAccWrEnt *w, int fd, const void *data, unsigned length)
 {
-    if (w->kind != 6)
+    if (w->kind != static_cast<int>(KOVDSK_KIND_UNBUFFERED))
         return KovDskBlockLoop(fd, w->buf, &w->fill, static_cast<const char *>(data), length,
                                KovDskShort::Refuse);
     if (write(fd, data, length) == -1)
@@ -104,7 +104,7 @@ int KovDskWrite(int handle, const void *data, unsigned int length)
         return -1;
 
     KovDskActivity busy;
-    int fd = KovDskStoredFile(w, path, w->kind == 6 ? 0 : O_DIRECT);
+    int fd = KovDskStoredFile(w, path, w->kind == static_cast<int>(KOVDSK_KIND_UNBUFFERED) ? 0 : O_DIRECT);
     if (fd < 0)
         return -1;
     if (KovDskAppend(w, fd, data, length) == -1) {
@@ -127,7 +127,7 @@ int KovDskWriteClose(int handle)
         return -1;
 
     int rc = 0;
-    if (w->kind != 6) {
+    if (w->kind != static_cast<int>(KOVDSK_KIND_UNBUFFERED)) {
         if (w->fill != 0)
             rc = KovDskFlushTail(w);
         KovDskErrnoKeeper keep;

@@ -59,7 +59,7 @@ int KovDskClaimWriteSlot(const KovDskNewFile &nf)
 bool KovDskNamesake(const char *area, const KovDskNewFile &nf, char *path)
 {
     char found[KOVDSK_STORED_MAX];
-    return KovDskNameFind(area, nf.kind, nf.name, found, 1, 1) > 0 &&
+    return KovDskNameFind(area, nf.kind, nf.name, found, KOVDSK_MATCH_EXACT, KOVDSK_LINKS_TOO) > 0 &&
            KovDskEntryPath(path, area, found) == 0;
 }
 
@@ -112,7 +112,7 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
         link ? KovDskLinkedDel(old) : KovDskDiscard(old);
     }
     if (KovDskNamesake(nf.areapath, nf, old))
-        nf.area == 3 ? KovDskLinkedDel(old) : KovDskDiscard(old);
+        nf.area == KOVDSK_AREA_PASS ? KovDskLinkedDel(old) : KovDskDiscard(old);
 
     if (KovDskMakeAreaDirs(nf.areapath) == -1)
         return -1;
@@ -129,10 +129,10 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
     close(fd);
     KovDskStamp(nf.full);
     sync();
-    if (nf.area == 3 && KovDskLinkMake(nf.full) == -1)
+    if (nf.area == KOVDSK_AREA_PASS && KovDskLinkMake(nf.full) == -1)
         return -1;  // the file stays, empty, with the links made so far
 
-    if (nf.kind != 6) {
+    if (nf.kind != KOVDSK_KIND_UNBUFFERED) {
         w.rawbuf = KovDskBlockBuf(&w.buf);
         if (w.rawbuf == nullptr) {
             *undo = true;
@@ -157,7 +157,7 @@ int KovDskWriteOpen(const char *name, const char *short_tag, const char *long_ta
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(name) || kind >= 256) {
+    if (KovDskNoText(name) || kind > KOVDSK_KIND_MAX) {
         errno = EINVAL;
         return -1;
     }

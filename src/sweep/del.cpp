@@ -18,7 +18,7 @@ namespace {
 template <typename Slot>
 bool KovDskSlotBusy(const Slot &s, const char *areapath, const KovDskRule &rule)
 {
-    if (s.used != 1 || strcmp(s.dir, areapath) != 0 || (rule.mode != 1 && rule.mode != 2))
+    if (s.used != 1 || strcmp(s.dir, areapath) != 0 || (rule.mode != KOVDSK_MATCH_EXACT && rule.mode != KOVDSK_MATCH_PREFIX))
         return false;
     char slot_name[KOVDSK_NAME_FIELD + 1] = {};
     memcpy(slot_name, s.name, KOVDSK_NAME_FIELD);
@@ -44,7 +44,7 @@ int KovDskDel(const char *name, uint32_t kind, int32_t mode, uint32_t area, uint
 {
     if (!KovDskAttached())
         return -1;
-    if (name == nullptr || kind >= 256) {
+    if (name == nullptr || kind > KOVDSK_KIND_MAX) {
         errno = EINVAL;
         return -1;
     }
@@ -62,12 +62,12 @@ int KovDskDel(const char *name, uint32_t kind, int32_t mode, uint32_t area, uint
     KovDskActivity busy;
     // In user and pass areas every file goes with its links.
     int left = 0;
-    KovDskWalk walk{rule, area >= 2 ? KovDskWalk::Linked : KovDskWalk::Discard, true};
+    KovDskWalk walk{rule, area >= KOVDSK_AREA_USER ? KovDskWalk::Linked : KovDskWalk::Discard, true};
     if (KovDskTake(areapath, walk, &left) == -1)
         return -1;
     // An id area with nothing left goes too; "general" always stays, and
     // the user tree prunes itself as its files go.
-    if (area == 1 && left == 0 && remove(dirpath) == -1)
+    if (area == KOVDSK_AREA_ID && left == 0 && remove(dirpath) == -1)
         return -1;
     sync();
     return 0;

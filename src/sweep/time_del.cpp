@@ -73,7 +73,7 @@ int KovDskSweep(const KovDskRule &rule)
         int left = 0;
         bool ok = KovDskTake("general", KovDskWalk{rule, KovDskWalk::Discard, true}, &left) == 0 &&
                   KovDskSweepIds(rule) == 0 &&
-                  (rule.what != KovDskRule::Expired || AccTbl->trash_mode != 0 ||
+                  (rule.what != KovDskRule::Expired || AccTbl->trash_mode != KOVDSK_TRASH_OFF ||
                    KovDskTake(".trash", KovDskWalk{{KovDskRule::Everything, 0, nullptr, 0, nullptr},
                                                    KovDskWalk::Remove, false},
                               &left) == 0);

@@ -31,7 +31,7 @@ int KovDskMoveOld(const char *from, const char *to_dir, bool link)
         for (int k = 0; k < 2; k++) {
             const unsigned kind = k == 0 ? 4 : 3;
             char stored[KOVDSK_STORED_MAX], src[KOVDSK_PATH_MAX], dst[KOVDSK_PATH_MAX];
-            if (KovDskNameFind(from, kind, "", stored, 2, 0) == 0 || strcmp(stored, skipped[k]) == 0)
+            if (KovDskNameFind(from, kind, "", stored, KOVDSK_MATCH_PREFIX, KOVDSK_FILES_ONLY) == 0 || strcmp(stored, skipped[k]) == 0)
                 continue;
             found = true;
             if (KovDskEntryPath(src, from, stored) == -1 || KovDskEntryPath(dst, to_dir, stored) == -1 ||
@@ -58,8 +58,8 @@ int KovDskVup001(const char *user, uint64_t pass)
         return -1;
     }
     char userdir[KOVDSK_PATH_MAX], passdir[KOVDSK_PATH_MAX];
-    KovDskAreaPath(userdir, 2, 0, user, 0, KOVDSK_AREAS_ALL);
-    KovDskAreaPath(passdir, 3, 0, user, pass, KOVDSK_AREAS_ALL);
+    KovDskAreaPath(userdir, KOVDSK_AREA_USER, 0, user, 0, KOVDSK_AREAS_ALL);
+    KovDskAreaPath(passdir, KOVDSK_AREA_PASS, 0, user, pass, KOVDSK_AREAS_ALL);
 
     KovDskTableLock lock;
     KovDskActivity busy;
