@@ -24,26 +24,6 @@ namespace {
 // A slot's file field holds 256 bytes with its terminator.
 constexpr size_t kDirectPathMax = sizeof(KovDskAccWrEnt::file) - 1;
 
-// The write slot of a direct stream's handle, tested before the lock is
-// taken; a store stream's handle is refused with EINVAL.
-KovDskAccWrEnt *KovDskDirectSlot(uint32_t handle)
-{
-    if (handle >= KOVDSK_SLOTS) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    KovDskAccWrEnt *w = &AccTbl->wr[handle];
-    if (w->used != 1) {
-        errno = ENOENT;
-        return nullptr;
-    }
-    if (w->dir[0] != '\0') {  // a store stream's handle: it keeps no descriptor
-        errno = EINVAL;
-        return nullptr;
-    }
-    return w;
-}
-
 void KovDskStampSlotFile(const KovDskAccWrEnt *w)
 {
     char full[KOVDSK_PATH_MAX];
@@ -123,13 +103,13 @@ int KovDskWriteOpenDirect(const char *path, uint32_t mode)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(path) || KovDskClimbs(path) || mode > KOVDSK_DIRECT_APPEND || strlen(path) > kDirectPathMax) {
+    char full[KOVDSK_PATH_MAX];
+    if (KovDskPathArg(path, full, kDirectPathMax) == -1)
+        return -1;
+    if (mode > KOVDSK_DIRECT_APPEND) {
         errno = EINVAL;
         return -1;
     }
-    char full[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(full, path) == -1)
-        return -1;
     int slot;
     int undo = -1;
     {
@@ -151,11 +131,11 @@ int KovDskWriteDirect(uint32_t handle, const void *data, uint32_t size)
 {
     if (!KovDskAttached())
         return -1;
-    if (data == nullptr || size == 0 || handle >= KOVDSK_SLOTS) {
+    if (data == nullptr || size == 0) {
         errno = EINVAL;
         return -1;
     }
-    KovDskAccWrEnt *w = KovDskDirectSlot(handle);
+    KovDskAccWrEnt *w = KovDskWriteSlot(handle, true);  // tested before the lock
     if (w == nullptr)
         return -1;
 
@@ -181,7 +161,7 @@ int KovDskWriteCloseDirect(uint32_t handle)
 {
     if (!KovDskAttached())
         return -1;
-    KovDskAccWrEnt *w = KovDskDirectSlot(handle);
+    KovDskAccWrEnt *w = KovDskWriteSlot(handle, true);
     if (w == nullptr)
         return -1;
 
@@ -214,12 +194,8 @@ int KovDskReadOpenDirect(const char *path)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(path) || KovDskClimbs(path)) {
-        errno = EINVAL;
-        return -1;
-    }
     char full[KOVDSK_PATH_MAX];
-    if (KovDskFullPath(full, path) == -1)
+    if (KovDskPathArg(path, full) == -1)
         return -1;
 
     int slot;

@@ -32,12 +32,10 @@ constexpr size_t kCmdHeader = 4;          // HDIO_DRIVE_CMD's command bytes
 // The security data block. It holds a password, so it lives only here and
 // is wiped on every way out; explicit_bzero, because a plain memset of a
 // buffer about to die is a store the compiler may drop.
-struct KovDskSecBlock {
+struct KovDskSecBlock : KovDskScoped {
     unsigned char b[KOVDSK_ATA_BLOCK];
     KovDskSecBlock() { memset(b, 0, sizeof b); }
     ~KovDskSecBlock() { explicit_bzero(b, sizeof b); }
-    KovDskSecBlock(const KovDskSecBlock &) = delete;
-    KovDskSecBlock &operator=(const KovDskSecBlock &) = delete;
 };
 
 int KovDskSecurity(const char *path, const char *password, unsigned char which,

@@ -33,7 +33,7 @@ struct KovDskGeo {
 
 // The device of a drive command, opened O_RDWR and closed on every way out
 // of the scope; the close keeps errno.
-class KovDskDevice {
+class KovDskDevice : KovDskScoped {
 public:
     explicit KovDskDevice(const char *path) : fd_(open(path, O_RDWR)) {}
     ~KovDskDevice()
@@ -43,8 +43,6 @@ public:
             close(fd_);
         }
     }
-    KovDskDevice(const KovDskDevice &) = delete;
-    KovDskDevice &operator=(const KovDskDevice &) = delete;
 
     int fd() const { return fd_; }
 

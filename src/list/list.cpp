@@ -21,39 +21,42 @@
 
 namespace {
 
-int KovDskCmpKind(const KovDskListEnt *a, const KovDskListEnt *b)
+// The sort keys of a list record, and the three orders made of them.
+enum class KovDskKey { Kind, Name, Tag, Time };
+using KovDskOrder = KovDskKey[4];
+constexpr KovDskOrder kOrders[3] = {
+    {KovDskKey::Kind, KovDskKey::Name, KovDskKey::Tag, KovDskKey::Tag},
+    {KovDskKey::Kind, KovDskKey::Tag, KovDskKey::Name, KovDskKey::Name},
+    {KovDskKey::Time, KovDskKey::Kind, KovDskKey::Name, KovDskKey::Tag},
+};
+
+int KovDskCmpKey(KovDskKey key, const KovDskListEnt *a, const KovDskListEnt *b)
 {
-    return a->kind < b->kind ? -1 : a->kind > b->kind;
+    switch (key) {
+    case KovDskKey::Kind:
+        return a->kind < b->kind ? -1 : a->kind > b->kind;
+    case KovDskKey::Name:
+        return strcmp(a->name, b->name);
+    case KovDskKey::Tag:
+        return strcmp(a->short_tag, b->short_tag);
+    case KovDskKey::Time:
+        return a->time < b->time ? -1 : a->time > b->time;
+    }
+    return 0;
 }
 
-int KovDskCmpKindNameTag(const void *pa, const void *pb)
+// qsort hands a comparator no argument of ours: one comparator per order.
+template <int Sort>
+int KovDskCmp(const void *pa, const void *pb)
 {
     auto a = static_cast<const KovDskListEnt *>(pa), b = static_cast<const KovDskListEnt *>(pb);
-    int c = KovDskCmpKind(a, b);
-    if (c == 0)
-        c = strcmp(a->name, b->name);
-    return c != 0 ? c : strcmp(a->short_tag, b->short_tag);
+    for (KovDskKey key : kOrders[Sort])
+        if (int c = KovDskCmpKey(key, a, b))
+            return c;
+    return 0;
 }
 
-int KovDskCmpKindTagName(const void *pa, const void *pb)
-{
-    auto a = static_cast<const KovDskListEnt *>(pa), b = static_cast<const KovDskListEnt *>(pb);
-    int c = KovDskCmpKind(a, b);
-    if (c == 0)
-        c = strcmp(a->short_tag, b->short_tag);
-    return c != 0 ? c : strcmp(a->name, b->name);
-}
-
-int KovDskCmpTime(const void *pa, const void *pb)
-{
-    auto a = static_cast<const KovDskListEnt *>(pa), b = static_cast<const KovDskListEnt *>(pb);
-    if (a->time != b->time)
-        return a->time < b->time ? -1 : 1;
-    return KovDskCmpKindNameTag(pa, pb);
-}
-
-int (*const kSorts[3])(const void *, const void *) = {
-    KovDskCmpKindNameTag, KovDskCmpKindTagName, KovDskCmpTime};
+int (*const kSorts[3])(const void *, const void *) = {KovDskCmp<0>, KovDskCmp<1>, KovDskCmp<2>};
 
 struct KovDskScan {
     const char *name;

@@ -46,14 +46,9 @@ int KovDskPasCheck(const char *name, uint32_t kind, uint32_t *flag, void *pass)
 int KovDskGetRealFileName(const char *name, uint32_t kind, uint32_t area, uint64_t id,
                           const char *user, uint64_t pass, char *path)
 {
-    if (!KovDskAttached())
-        return -1;
-    if (name == nullptr || path == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
     char areapath[KOVDSK_PATH_MAX];
-    if (KovDskAreaPath(areapath, area, id, user, pass, KOVDSK_AREAS_ALL) == -1)
+    if (KovDskAreaArg(name == nullptr || path == nullptr, area, id, user, pass, KOVDSK_AREAS_ALL,
+                      areapath) == -1)
         return -1;
 
     // No table lock: only the activity brackets the search, so the answer

@@ -13,7 +13,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-class KovDskDir {
+class KovDskDir : KovDskScoped {
 public:
     // A directory given by its full path, not a link to one.
     explicit KovDskDir(const char *path)
@@ -33,8 +33,6 @@ public:
             closedir(dir_);
         }
     }
-    KovDskDir(const KovDskDir &) = delete;
-    KovDskDir &operator=(const KovDskDir &) = delete;
 
     bool ok() const { return dir_ != nullptr; }
 

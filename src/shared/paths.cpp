@@ -57,18 +57,18 @@ bool KovDskClimbs(const char *rel)
     return false;
 }
 
-int KovDskPathArg(const char *rel, char *full)
+int KovDskPathArg(const char *rel, char *full, size_t max)
 {
     if (!KovDskAttached())
         return -1;
-    if (KovDskNoText(rel) || KovDskClimbs(rel)) {
+    if (KovDskNoText(rel) || KovDskClimbs(rel) || strlen(rel) > max) {
         errno = EINVAL;
         return -1;
     }
     return KovDskFullPath(full, rel);
 }
 
-int KovDskRealDir(const char *rel)
+int KovDskRealDir(const char *rel, bool make)
 {
     char prefix[KOVDSK_PATH_MAX];
     size_t len = strlen(rel);
@@ -81,8 +81,15 @@ int KovDskRealDir(const char *rel)
         struct stat st;
         if (KovDskFullPath(full, prefix) == -1)
             return -1;
-        if (lstat(full, &st) == -1)
-            return errno == ENOENT ? 0 : -1;
+        if (lstat(full, &st) == -1) {
+            if (errno != ENOENT)
+                return -1;
+            if (!make)
+                return 0;
+            if (KovDskMkDir(prefix) == -1 && errno != EEXIST)
+                return -1;
+            continue;
+        }
         if (!S_ISDIR(st.st_mode)) {
             errno = ENOTDIR;
             return -1;

@@ -12,6 +12,7 @@
 #define KOVDSK_SHARED_H
 
 #include <cerrno>
+#include <cstdint>
 #include <sys/stat.h>
 
 // The build hides every symbol by default; what the public header declares
@@ -59,15 +60,16 @@ int KovDskMkDir(const char *rel);
 bool KovDskClimbs(const char *rel);
 
 // The argument tests of an operation on one path, in the library's order
-// (attached, then the text: not empty, no ".." component), then the full
-// path. -1 with EINIT, EINVAL or ENAMETOOLONG.
-int KovDskPathArg(const char *rel, char *full);
+// (attached, then the text: not empty, no ".." component, at most max
+// bytes), then the full path. -1 with EINIT, EINVAL or ENAMETOOLONG.
+int KovDskPathArg(const char *rel, char *full, size_t max = SIZE_MAX);
 
 // Whether every directory from the root down to rel that exists is one,
 // and no link to one: a link there could lead a walk or a change out of the
-// root. What does not exist ends the test, since it leads nowhere. -1 with
-// ENOTDIR, or with lstat's errno.
-int KovDskRealDir(const char *rel);
+// root. What does not exist ends the test, since it leads nowhere; with
+// make, it is made instead (KovDskMkDir; one made meanwhile by another
+// process will do). -1 with ENOTDIR, or with the errno of lstat or mkdir.
+int KovDskRealDir(const char *rel, bool make = false);
 
 // Opens a file that has to be a regular one, never waiting: with O_NONBLOCK
 // a FIFO or a device cannot hold the caller (and the table lock) in open,
@@ -102,13 +104,18 @@ bool KovDskSlotNameIs(const char *field, const char *name);
 // Destroyed in reverse order of construction, which is the release order the
 // locking rules ask for: operation counter, then table lock, then activity.
 
+// A guard is tied to its scope: never copied.
+struct KovDskScoped {
+    KovDskScoped() = default;
+    KovDskScoped(const KovDskScoped &) = delete;
+    KovDskScoped &operator=(const KovDskScoped &) = delete;
+};
+
 // Puts errno back at the end of a scope.
-class KovDskErrnoKeeper {
+class KovDskErrnoKeeper : KovDskScoped {
 public:
     KovDskErrnoKeeper() : saved_(errno) {}
     ~KovDskErrnoKeeper() { errno = saved_; }
-    KovDskErrnoKeeper(const KovDskErrnoKeeper &) = delete;
-    KovDskErrnoKeeper &operator=(const KovDskErrnoKeeper &) = delete;
 private:
     int saved_;
 };
@@ -117,7 +124,7 @@ private:
 // fails (a signal in the wait) is not looked at and the work goes on, but
 // a lock not taken is not released: that would raise it to 2 and let two
 // processes in at once from then on.
-class KovDskTableLock {
+class KovDskTableLock : KovDskScoped {
 public:
     KovDskTableLock() : held_(KovDskSemOp(KovDskTblSem_id, -1) == 0) {}
     ~KovDskTableLock()
@@ -127,28 +134,22 @@ public:
             KovDskSemOp(KovDskTblSem_id, +1);
         }
     }
-    KovDskTableLock(const KovDskTableLock &) = delete;
-    KovDskTableLock &operator=(const KovDskTableLock &) = delete;
 private:
     bool held_;
 };
 
 // Raises the operation counter for a scope; lives inside a table lock.
-class KovDskOpCount {
+class KovDskOpCount : KovDskScoped {
 public:
     KovDskOpCount() { ++AccTbl->op_cnt; }
     ~KovDskOpCount() { --AccTbl->op_cnt; }
-    KovDskOpCount(const KovDskOpCount &) = delete;
-    KovDskOpCount &operator=(const KovDskOpCount &) = delete;
 };
 
 // Counts a scope as activity at the disk.
-class KovDskActivity {
+class KovDskActivity : KovDskScoped {
 public:
     KovDskActivity() { KovDskAccUpdate(+1); }
     ~KovDskActivity() { KovDskAccUpdate(-1); }
-    KovDskActivity(const KovDskActivity &) = delete;
-    KovDskActivity &operator=(const KovDskActivity &) = delete;
 };
 
 // The frame of an operation on plain paths: table lock, then the operation

@@ -57,6 +57,29 @@ int KovDskSemAttach(char id, int flags, bool set_free, int *semid)
     return 0;
 }
 
+// The table's segment, made (create) or found by its key, and attached.
+// nullptr with errno: the key file's; for a make EALREADY (made already
+// this boot) or ENOMEM; for a find EINIT (none made yet); ENOMEM when it
+// cannot be attached.
+void *KovDskSegment(bool create)
+{
+    int key = KovDskKeyGet('T');
+    if (key == -1)
+        return nullptr;
+    int shmid = shmget(key, sizeof(KovDskAccTbl), create ? IPC_CREAT | IPC_EXCL | 0666 : 0666);
+    if (shmid == -1) {
+        errno = !create ? EINIT : errno == EEXIST ? EALREADY : ENOMEM;
+        return nullptr;
+    }
+    KovDskTblShm_id = shmid;
+    void *at = shmat(shmid, nullptr, 0);
+    if (at == reinterpret_cast<void *>(-1)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return at;
+}
+
 // Any read stream, or any write stream but one of kind 6.
 bool KovDskAnyStreamOpen()
 {
@@ -117,22 +140,9 @@ int KovDskInitSet(const char *root)
         errno = EINVAL;
         return -1;
     }
-    int key = KovDskKeyGet('T');
-    if (key == -1)
+    void *at = KovDskSegment(true);
+    if (at == nullptr)
         return -1;
-
-    int shmid = shmget(key, sizeof(KovDskAccTbl), IPC_CREAT | IPC_EXCL | 0666);
-    if (shmid == -1) {
-        errno = errno == EEXIST ? EALREADY : ENOMEM;
-        return -1;
-    }
-    KovDskTblShm_id = shmid;
-
-    void *at = shmat(shmid, nullptr, 0);
-    if (at == reinterpret_cast<void *>(-1)) {
-        errno = ENOMEM;
-        return -1;
-    }
     AccTbl = static_cast<KovDskAccTbl *>(at);
     memset(AccTbl, 0, sizeof *AccTbl);
     memcpy(AccTbl->root, root, strlen(root));  // the length was checked above
@@ -151,22 +161,9 @@ int KovDskInit(void)
 {
     if (AccTbl != nullptr)
         return 0;
-    int key = KovDskKeyGet('T');
-    if (key == -1)
+    void *at = KovDskSegment(false);
+    if (at == nullptr)
         return -1;
-
-    int shmid = shmget(key, sizeof(KovDskAccTbl), 0666);
-    if (shmid == -1) {
-        errno = EINIT;
-        return -1;
-    }
-    KovDskTblShm_id = shmid;
-
-    void *at = shmat(shmid, nullptr, 0);
-    if (at == reinterpret_cast<void *>(-1)) {
-        errno = ENOMEM;
-        return -1;
-    }
     // The process counts as attached only once it knows both locks, so a
     // failed attachment can simply be tried again.
     if (KovDskSemAttach('T', 0666, false, &KovDskTblSem_id) == -1 ||

@@ -67,6 +67,12 @@ constexpr int KOVDSK_LINKS_TOO = 1;
 // for a selector outside `accepted`, or a NULL user where one is needed.
 int KovDskAreaPath(char *out, unsigned area, uint64_t id, const char *user,
                    uint64_t pass, unsigned accepted);
+// The argument tests of an operation on the stored files of an area, in
+// the library's order: attached, then `bad` (the caller's tests of its
+// texts and ranges), then the selector; the area path into areapath.
+// -1 with EINIT or EINVAL.
+int KovDskAreaArg(bool bad, unsigned area, uint64_t id, const char *user, uint64_t pass,
+                  unsigned accepted, char *areapath);
 // "usr/" + the user in hex, encoded at the given size.
 void KovDskUserPath(char *out, const char *user, int size);
 

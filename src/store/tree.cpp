@@ -52,6 +52,18 @@ bool KovDskNameMatches(int mode, const char *name, unsigned kind, const char *go
     return true;
 }
 
+int KovDskAreaArg(bool bad, unsigned area, uint64_t id, const char *user, uint64_t pass,
+                  unsigned accepted, char *areapath)
+{
+    if (!KovDskAttached())
+        return -1;
+    if (bad) {
+        errno = EINVAL;
+        return -1;
+    }
+    return KovDskAreaPath(areapath, area, id, user, pass, accepted);
+}
+
 void KovDskUserPath(char *out, const char *user, int size)
 {
     memcpy(out, "usr/", 4);

@@ -22,6 +22,38 @@ char *KovDskBlockBuf(char **buf)
     return raw;
 }
 
+KovDskAccWrEnt *KovDskWriteSlot(uint32_t handle, bool direct)
+{
+    if (handle >= KOVDSK_SLOTS) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    KovDskAccWrEnt *w = &AccTbl->wr[handle];
+    if (w->used != 1) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    if ((w->dir[0] == '\0') != direct) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    return w;
+}
+
+KovDskAccRdEnt *KovDskReadSlot(int handle, int not_open)
+{
+    if (static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    KovDskAccRdEnt *r = &AccTbl->rd[handle];
+    if (r->used != 1) {
+        errno = not_open;
+        return nullptr;
+    }
+    return r;
+}
+
 void KovDskSetDirect(int fd, bool on)
 {
     int flags = fcntl(fd, F_GETFL);

@@ -76,14 +76,9 @@ int KovDskReadSlotFill(KovDskAccRdEnt &r, int fd, const struct stat &st)
 int KovDskReadOpen(const char *name, unsigned int kind, unsigned int area, uint64_t id,
                    const char *user, uint64_t pass)
 {
-    if (!KovDskAttached())
-        return -1;
-    if (KovDskNoText(name) || kind > KOVDSK_KIND_MAX) {
-        errno = EINVAL;
-        return -1;
-    }
     char areapath[KOVDSK_PATH_MAX];
-    if (KovDskAreaPath(areapath, area, id, user, pass, KOVDSK_AREAS_ALL) == -1)
+    if (KovDskAreaArg(KovDskNoText(name) || kind > KOVDSK_KIND_MAX, area, id, user, pass,
+                      KOVDSK_AREAS_ALL, areapath) == -1)
         return -1;
     int slot;
     {
@@ -99,15 +94,14 @@ int KovDskRead(int handle, void *buffer, unsigned int length)
 {
     if (!KovDskAttached())
         return -1;
-    if (buffer == nullptr || length == 0 || static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
+    if (buffer == nullptr || length == 0) {
         errno = EINVAL;
         return -1;
     }
-    KovDskAccRdEnt &r = AccTbl->rd[handle];
-    if (r.used != 1) {
-        errno = ENFILE;
+    KovDskAccRdEnt *slot = KovDskReadSlot(handle, ENFILE);
+    if (slot == nullptr)
         return -1;
-    }
+    KovDskAccRdEnt &r = *slot;
 
     char *out = static_cast<char *>(buffer);
     uint32_t f = r.fill, p = r.pos, d = 0;
@@ -146,15 +140,10 @@ int KovDskReadClose(int handle)
 {
     if (!KovDskAttached())
         return -1;
-    if (static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
-        errno = EINVAL;
+    KovDskAccRdEnt *slot = KovDskReadSlot(handle, ENOENT);
+    if (slot == nullptr)
         return -1;
-    }
-    KovDskAccRdEnt &r = AccTbl->rd[handle];
-    if (r.used != 1) {
-        errno = ENOENT;
-        return -1;
-    }
+    KovDskAccRdEnt &r = *slot;
     int fd = r.fd;
     {
         KovDskTableLock lock;

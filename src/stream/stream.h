@@ -32,6 +32,16 @@ void KovDskSetDirect(int fd, bool on);
 // slot's used stays 0.
 int KovDskReadSlotFill(KovDskAccRdEnt &r, int fd, const struct stat &st);
 
+// The write slot of a stream's handle: of a store stream, or with direct of
+// a direct one. nullptr with EINVAL for a handle out of range or one of the
+// other sort of stream (a store stream keeps no descriptor, a direct one
+// no area), ENOENT for a slot with no stream.
+KovDskAccWrEnt *KovDskWriteSlot(uint32_t handle, bool direct);
+
+// The read slot of a stream's handle: nullptr with EINVAL for a handle out
+// of range, or with errno not_open for a slot with no stream.
+KovDskAccRdEnt *KovDskReadSlot(int handle, int not_open);
+
 // The lowest free slot of a slot array, or -1.
 template <typename Slot>
 int KovDskFreeSlot(const Slot (&slots)[KOVDSK_SLOTS])

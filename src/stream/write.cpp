@@ -18,26 +18,6 @@
 
 namespace {
 
-// The slot of a store stream's handle, or nullptr with EINVAL (out of
-// range, or a direct stream's handle) or ENOENT (no stream).
-KovDskAccWrEnt *KovDskWriteSlot(int handle)
-{
-    if (static_cast<unsigned>(handle) >= KOVDSK_SLOTS) {
-        errno = EINVAL;
-        return nullptr;
-    }
-    KovDskAccWrEnt *w = &AccTbl->wr[handle];
-    if (w->used != 1) {
-        errno = ENOENT;
-        return nullptr;
-    }
-    if (w->dir[0] == '\0') {  // a direct stream's handle: it has no area
-        errno = EINVAL;
-        return nullptr;
-    }
-    return w;
-}
-
 // The stream's file opened for appending. Each call opens it anew, so what
 // stands there may be anything by now: a link, on the way or in its place,
 // or anything but a regular file is no stored file.
@@ -96,7 +76,7 @@ int KovDskWrite(int handle, const void *data, unsigned int length)
         errno = EINVAL;
         return -1;
     }
-    KovDskAccWrEnt *w = KovDskWriteSlot(handle);
+    KovDskAccWrEnt *w = KovDskWriteSlot(static_cast<uint32_t>(handle), false);
     if (w == nullptr)
         return -1;
     char path[KOVDSK_PATH_MAX];
@@ -122,7 +102,7 @@ int KovDskWriteClose(int handle)
 {
     if (!KovDskAttached())
         return -1;
-    KovDskAccWrEnt *w = KovDskWriteSlot(handle);
+    KovDskAccWrEnt *w = KovDskWriteSlot(static_cast<uint32_t>(handle), false);
     if (w == nullptr)
         return -1;
 

@@ -63,35 +63,6 @@ bool KovDskNamesake(const char *area, const KovDskNewFile &nf, char *path)
            KovDskEntryPath(path, area, found) == 0;
 }
 
-// Each directory of the area path that is missing, shortest prefix first.
-// Something else in the place of one, a link to a directory among it, is
-// no directory of the store: ENOTDIR, before anything is made through it.
-int KovDskMakeAreaDirs(const char *areapath)
-{
-    char prefix[KOVDSK_PATH_MAX];
-    size_t len = strlen(areapath);
-    for (size_t end = 0; end <= len; end++) {
-        if (areapath[end] != '/' && areapath[end] != '\0')
-            continue;
-        memcpy(prefix, areapath, end);
-        prefix[end] = '\0';
-        char full[KOVDSK_PATH_MAX];
-        struct stat st;
-        if (KovDskFullPath(full, prefix) == -1)
-            return -1;
-        if (lstat(full, &st) == 0) {
-            if (S_ISDIR(st.st_mode))
-                continue;
-            errno = ENOTDIR;
-            return -1;
-        }
-        // A directory made by another process meanwhile will do as well.
-        if (errno != ENOENT || (KovDskMkDir(prefix) == -1 && errno != EEXIST))
-            return -1;
-    }
-    return 0;
-}
-
 // The work under the table lock. On a failed allocation *undo asks the
 // caller to remove the new file once the lock is released.
 int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
@@ -114,7 +85,10 @@ int KovDskOpenLocked(KovDskNewFile &nf, bool *undo)
     if (KovDskNamesake(nf.areapath, nf, old))
         nf.area == KOVDSK_AREA_PASS ? KovDskLinkedDel(old) : KovDskDiscard(old);
 
-    if (KovDskMakeAreaDirs(nf.areapath) == -1)
+    // The area's directories, each made where it is missing. Something else
+    // in the place of one, a link among it, is ENOTDIR, before anything is
+    // made through it.
+    if (KovDskRealDir(nf.areapath, true) == -1)
         return -1;
     memset(w.file, 0, sizeof w.file);
     if (KovDskNameBuild(nf.kind, nf.name, nf.short_tag, nf.long_tag, nf.deadline, nf.tmp, w.file) == -1)
@@ -155,14 +129,9 @@ int KovDskWriteOpen(const char *name, const char *short_tag, const char *long_ta
                     unsigned int kind, unsigned int area, uint64_t id, const char *user,
                     uint64_t pass, int tmp, const char *deadline)
 {
-    if (!KovDskAttached())
-        return -1;
-    if (KovDskNoText(name) || kind > KOVDSK_KIND_MAX) {
-        errno = EINVAL;
-        return -1;
-    }
     KovDskNewFile nf = {};
-    if (KovDskAreaPath(nf.areapath, area, id, user, pass, KOVDSK_AREAS_WRITE) == -1)
+    if (KovDskAreaArg(KovDskNoText(name) || kind > KOVDSK_KIND_MAX, area, id, user, pass,
+                      KOVDSK_AREAS_WRITE, nf.areapath) == -1)
         return -1;
     nf.name = name;
     nf.short_tag = short_tag;

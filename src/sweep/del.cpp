@@ -42,14 +42,9 @@ bool KovDskAreaBusy(const char *areapath, const KovDskRule &rule)
 int KovDskDel(const char *name, uint32_t kind, int32_t mode, uint32_t area, uint64_t id,
               const char *user, uint64_t pass)
 {
-    if (!KovDskAttached())
-        return -1;
-    if (name == nullptr || kind > KOVDSK_KIND_MAX) {
-        errno = EINVAL;
-        return -1;
-    }
     char areapath[KOVDSK_PATH_MAX], dirpath[KOVDSK_PATH_MAX];
-    if (KovDskAreaPath(areapath, area, id, user, pass, KOVDSK_AREAS_ALL) == -1 ||
+    if (KovDskAreaArg(name == nullptr || kind > KOVDSK_KIND_MAX, area, id, user, pass,
+                      KOVDSK_AREAS_ALL, areapath) == -1 ||
         KovDskFullPath(dirpath, areapath) == -1)
         return -1;
     const KovDskRule rule{KovDskRule::ByName, mode, name, kind, nullptr};
