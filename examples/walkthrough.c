@@ -8,7 +8,7 @@
  * each step. A real appliance never removes the table; this program
  * does at its end, as a restart would, so it can run again.
  *
- * Usage: kovdsk-walk [ROOT]   (default: a new directory under $TMPDIR)
+ * Usage: walkthrough [ROOT]   (default: a new directory under $TMPDIR)
  */
 #define _POSIX_C_SOURCE 200809L
 #include <kovdsk.h>
@@ -189,7 +189,7 @@ static void reboot(void)
 
 int main(int argc, char **argv)
 {
-    char tmp[] = "/tmp/kovdsk-walk-XXXXXX";
+    char tmp[] = "/tmp/kovdsk-walkthrough-XXXXXX";
     const char *tmpdir = getenv("TMPDIR");
     char root[512];
     int made_root = argc < 2;
@@ -197,7 +197,7 @@ int main(int argc, char **argv)
     if (argc >= 2) {
         snprintf(root, sizeof root, "%s", argv[1]);
     } else if (tmpdir && *tmpdir) {
-        snprintf(root, sizeof root, "%s/kovdsk-walk-XXXXXX", tmpdir);
+        snprintf(root, sizeof root, "%s/kovdsk-walkthrough-XXXXXX", tmpdir);
         if (mkdtemp(root) == NULL)
             return fail("mkdtemp");
     } else {
