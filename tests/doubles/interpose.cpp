@@ -104,6 +104,14 @@ struct ShortAt {
 };
 ShortAt short_at;
 
+// CrashAt: the countdown of calls that change the file system.
+int crash_at;
+void Cut()
+{
+    if (crash_at > 0 && --crash_at == 0)
+        _exit(kovtest::CrashAt::kExit);
+}
+
 // The errno a failure of each call most plausibly gives, chosen so that it
 // takes the failure path itself rather than one that means "absent" or
 // "exists" (ENOENT, EEXIST) or one the library answers by another route
@@ -227,6 +235,10 @@ ShortWrite::ShortWrite(int nth, size_t count, size_t length)
 
 ShortWrite::~ShortWrite() { short_at.countdown = 0; }
 
+CrashAt::CrashAt(int nth) { crash_at = nth; }
+
+CrashAt::~CrashAt() { crash_at = 0; }
+
 FaultAny::FaultAny(int nth, int err)
 {
     any = AnyFault{};
@@ -333,6 +345,8 @@ int open(const char *path, int flags, ...)
         dev_fd = real("/dev/null", O_RDWR);
         return dev_fd;
     }
+    if ((flags & (O_CREAT | O_TRUNC)) != 0)
+        Cut();
     if (Fail(H_open, path))
         return -1;
     int fd = real(path, flags, mode);
@@ -374,6 +388,7 @@ ssize_t read(int fd, void *buf, size_t n)
 ssize_t write(int fd, const void *buf, size_t n)
 {
     REAL(write);
+    Cut();
     if (Fail(H_write, nullptr, fd, buf, n))
         return -1;
     if (short_at.countdown > 0 && (short_at.length == 0 || n == short_at.length) &&
@@ -411,6 +426,7 @@ int fstat(int fd, struct stat *st)
 int mkdir(const char *path, mode_t mode)
 {
     REAL(mkdir);
+    Cut();
     return Fail(H_mkdir, path) ? -1 : real(path, mode);
 }
 
@@ -423,18 +439,21 @@ int chmod(const char *path, mode_t mode)
 int remove(const char *path)
 {
     REAL(remove);
+    Cut();
     return Fail(H_remove, path) ? -1 : real(path);
 }
 
 int rename(const char *from, const char *to)
 {
     REAL(rename);
+    Cut();
     return Fail(H_rename, from) ? -1 : real(from, to);
 }
 
 int utime(const char *path, const struct utimbuf *times)
 {
     REAL(utime);
+    Cut();
     return Fail(H_utime, path) ? -1 : real(path, times);
 }
 
@@ -520,6 +539,7 @@ DIR *opendir(const char *path)
 int symlink(const char *target, const char *path)
 {
     REAL(symlink);
+    Cut();
     return Fail(H_symlink, path) ? -1 : real(target, path);
 }
 

@@ -45,6 +45,19 @@ public:
     ShortWrite &operator=(const ShortWrite &) = delete;
 };
 
+// A power cut: the nth call from now that changes the file system (mkdir,
+// open with O_CREAT or O_TRUNC, write, symlink, rename, remove, utime) is
+// never made, and the process ends at once with exit code kExit, running
+// nothing more; every call before it has been made. For a child process.
+class CrashAt {
+public:
+    static constexpr int kExit = 86;
+    explicit CrashAt(int nth);
+    ~CrashAt();
+    CrashAt(const CrashAt &) = delete;
+    CrashAt &operator=(const CrashAt &) = delete;
+};
+
 // What FaultAny made fail: the call's name, the errno it gave, and the
 // path, descriptor and size or length it was given (as CallInfo has them).
 struct FaultHit {
