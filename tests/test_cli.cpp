@@ -58,40 +58,6 @@ pid_t Start(const std::vector<std::string> &args, int in, int out, int err, cons
     });
 }
 
-std::string Drain(int fd)
-{
-    std::string s;
-    char buf[65536];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0)
-        s.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return s;
-}
-
-Result Kovdsk(const std::vector<std::string> &args, const Opts &o = {})
-{
-    int out[2], err[2], in = open(o.input.c_str(), O_RDONLY);
-    if (in < 0 || pipe(out) != 0 || pipe(err) != 0)
-        return {};
-    pid_t pid = Start(args, in, out[1], err[1], o);
-    close(in);
-    close(out[1]);
-    close(err[1]);
-    Result r;
-    r.out = Drain(out[0]);  // small outputs: stderr fits its pipe meanwhile
-    r.err = Drain(err[0]);
-    r.code = WaitChild(pid);
-    return r;
-}
-
-json Json(const std::vector<std::string> &args)
-{
-    Result r = Kovdsk(args);
-    EXPECT_EQ(r.code, 0) << r.err;
-    return json::parse(r.out);  // throws, failing the test, on invalid JSON
-}
-
 // Waits up to 10 s for a condition another process brings about.
 bool Eventually(const std::function<bool()> &cond)
 {
@@ -117,6 +83,23 @@ protected:
         ASSERT_EQ(r.code, 0) << r.err;
         ASSERT_EQ(Kovdsk({"mkdirs"}).code, 0);
         ASSERT_EQ(KovDskInit(), 0);
+    }
+    // Runs kovdsk to its end, its output caught in files beside the store.
+    Result Kovdsk(const std::vector<std::string> &args, const Opts &o = {})
+    {
+        int in = open(o.input.c_str(), O_RDONLY);
+        int out = open(Path(".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        int err = open(Path(".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        pid_t pid = Start(args, in, out, err, o);
+        for (int fd : {in, out, err})
+            close(fd);
+        return {WaitChild(pid), Content(".out"), Content(".err")};
+    }
+    json Json(const std::vector<std::string> &args)
+    {
+        Result r = Kovdsk(args);
+        EXPECT_EQ(r.code, 0) << r.err;
+        return json::parse(r.out);  // throws, failing the test, on invalid JSON
     }
     // A child attached to the table that does `fn` and then waits to be killed.
     pid_t Holder(const std::function<bool()> &fn)
