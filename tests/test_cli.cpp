@@ -126,7 +126,7 @@ TEST_F(Cli, StoreListReadBackAndDelete)
                        "-s", "q3", "-l", "figures", "-d", "2612312359"});
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out, "t2atn7265706F7274nf7133fs66696775726573sd26123123dm59m.0\n");
-    EXPECT_EQ(r.err, "");  // no progress bar into a pipe
+    EXPECT_EQ(r.err, "");  // no progress bar off a terminal
 
     ASSERT_EQ(Kovdsk({"get", "report", "-k", "42", "-o", Path("out.bin")}).code, 0);
     EXPECT_TRUE(Content("out.bin") == data);
@@ -322,6 +322,7 @@ TEST_F(Cli, InputTheLibraryWouldReshapeIsRefused)
         {{"put", "x", "-d", "2601312400"}, "hour 24"},
         {{"put", "x", "-d", "2601311260"}, "minute 60"},
         {{"rm", "x", "--prefix", "--all"}, "excludes"},
+        {{"trash", "on", "--all"}, "shred only"},
         {{"put", "x", "-a", "usr:bob"}, "usr:USER:PASS"},
         {{"ls", "-a", "uid:twelve"}, "not a number for the id"},
         {{"put", "x", "-k", "256"}, "256"},

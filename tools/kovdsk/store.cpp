@@ -149,6 +149,8 @@ void Sweep(bool expired, bool temporary)
 
 void Trash(const std::string &what, bool all)
 {
+    if (all && what != "shred")
+        Usage("trash " + what + ": --all goes with shred only");
     Attach();
     if (what == "on" || what == "off") {
         KovDskSelDel(what == "on");
