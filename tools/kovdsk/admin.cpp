@@ -69,7 +69,8 @@ void Init(const InitArgs &a)
                " bytes; the store's paths need it at most " + std::to_string(kRootMax));
     if (KovDskInitSet(root.c_str()) != 0) {
         int err = errno;
-        Fail("KovDskInitSet", err, err == EALREADY ? "kovdsk recover table removes it when nothing holds it" : "");
+        Fail("KovDskInitSet", err,
+             err == EALREADY ? "kovdsk recover table removes it when nothing holds it" : "");
     }
     Out() << "table created, root " << Escape(root) << "\n";
 }

@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
@@ -85,11 +84,10 @@ public:
     WriteStream(int handle, const PutArgs &a, const Area &area) : h_(handle), a_(a), area_(area) {}
     ~WriteStream()
     {
-        if (h_ < 0)
-            return;
-        KovDskWriteClose(h_);
-        KovDskDel(a_.file.name.c_str(), a_.file.kind, 1, area_.selector, area_.id,
-                  area_.user_or_null(), area_.pass);
+        if (h_ >= 0) {
+            KovDskWriteClose(h_);
+            Delete();
+        }
     }
     WriteStream(const WriteStream &) = delete;
     WriteStream &operator=(const WriteStream &) = delete;
@@ -99,13 +97,17 @@ public:
         h_ = -1;
         if (KovDskWriteClose(h) != 0) {
             int err = errno;
-            KovDskDel(a_.file.name.c_str(), a_.file.kind, 1, area_.selector, area_.id,
-                      area_.user_or_null(), area_.pass);
+            Delete();
             Fail("KovDskWriteClose", err);
         }
     }
 
 private:
+    void Delete()
+    {
+        KovDskDel(a_.file.name.c_str(), a_.file.kind, 1, area_.selector, area_.id, area_.user_or_null(),
+                  area_.pass);
+    }
     int h_;
     const PutArgs &a_;
     const Area &area_;
@@ -127,8 +129,9 @@ void CheckRoom(int64_t size, const PutArgs &a, const Area &area)
         stat(old, &st) == 0)
         room += st.st_size;
     if (size > room)
-        Refuse("put: " + Escape(a.input) + " has " + std::to_string(size) + " bytes; the root's file system has room for " +
-               std::to_string(room) + ": ENOSPC (" + strerror(ENOSPC) + ")");
+        Refuse("put: " + Escape(a.input) + " has " + std::to_string(size) +
+               " bytes; the root's file system has room for " + std::to_string(room) + ": " +
+               Explain("", ENOSPC));
 }
 
 void Put(const PutArgs &a)
@@ -256,8 +259,8 @@ void Get(const GetArgs &a)
     int64_t size = static_cast<int64_t>(AccTbl->rd[h].remain);
     int writer = Writer(h);
     if (writer >= 0 && !a.partial)
-        Refuse("get: \"" + Escape(a.file.name) + "\" is open for writing (write slot " + std::to_string(writer) +
-               "): it would come out short; --partial reads what is written so far");
+        Refuse("get: \"" + Escape(a.file.name) + "\" is open for writing (write slot " +
+               std::to_string(writer) + "): it would come out short; --partial reads what is written so far");
 
     bool to_file = a.output != "-";
     Fd out(to_file ? open(a.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666) : STDOUT_FILENO);

@@ -78,10 +78,11 @@ std::string Plan(const FdiskArgs &a, const uint32_t size[4])
                "; the whole disk's block device is needed");
     unsigned char image[KOVDSK_TABLE_SIZE];
     if (KovDskPartImage(geo, a.count, size, image) != 0)
-        Refuse("drive fdisk: " + Escape(a.dev) + ": the library would refuse this layout (EINVAL): the disk has " +
-               std::to_string(geo.cylinders) + " cylinders of " + std::to_string(geo.heads) + " heads by " +
-               std::to_string(geo.sectors) + " sectors; each size must be at least one cylinder (" +
-               std::to_string(geo.heads * geo.sectors) + " sectors), and the first must reach past the first track");
+        Refuse("drive fdisk: " + Escape(a.dev) + ": the library would refuse this layout (EINVAL): " +
+               "the disk has " + std::to_string(geo.cylinders) + " cylinders of " + std::to_string(geo.heads) +
+               " heads by " + std::to_string(geo.sectors) + " sectors; each size must be at least one " +
+               "cylinder (" + std::to_string(geo.heads * geo.sectors) + " sectors), and the first must " +
+               "reach past the first track");
     std::string plan;
     for (int i = 0; i < 4; i++) {
         const unsigned char *e = image + 16 * i;
@@ -104,8 +105,8 @@ void Fdisk(const FdiskArgs &a)
         size[i] = a.sizes[i];
     }
     std::string plan = Plan(a, size);
-    Confirm("drive fdisk", "Write a new partition table to " + Escape(a.dev) + ", losing what it holds?\n" + plan,
-            a.yes);
+    Confirm("drive fdisk",
+            "Write a new partition table to " + Escape(a.dev) + ", losing what it holds?\n" + plan, a.yes);
     Attach();
     if (KovDskFdisk(a.dev.c_str(), a.count, size[0], size[1], size[2], size[3]) != 0)
         Fail("KovDskFdisk " + a.dev, errno);
@@ -157,7 +158,8 @@ void AddDriveCommands(CLI::App &app)
     auto *f = drive->add_subcommand("fdisk", "write a new partition table (1 to 4 partitions)");
     f->add_option("device", fd.dev, "the disk's block device")->required();
     f->add_option("-n,--count", fd.count, "partitions, 1 to 4")->check(CLI::Range(1, 4));
-    f->add_option("-s,--sizes", fd.sizes, "sizes of all but the last, in sectors; the first counts from sector 0");
+    f->add_option("-s,--sizes", fd.sizes,
+                  "sizes of all but the last, in sectors; the first counts from sector 0");
     f->add_flag("-y,--yes", fd.yes, "do not ask first");
     f->callback([] { Fdisk(fd); });
 

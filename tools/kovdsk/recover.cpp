@@ -217,13 +217,17 @@ void AddRecoverCommands(CLI::App &app)
 
     static std::string which;
     auto *lock = rec->add_subcommand("lock", "release a lock whose holder no longer exists");
-    lock->add_option("which", which, "table or access")->required()->check(CLI::IsMember({"table", "access"}));
+    lock->add_option("which", which, "table or access")
+        ->required()
+        ->check(CLI::IsMember({"table", "access"}));
     lock->callback([] { RecoverLock(which); });
 
     static SlotArgs slot;
     auto *s = rec->add_subcommand("slot", "free the slot of a stream whose process is gone");
     s->add_option("sort", slot.sort, "read or write")->required()->check(CLI::IsMember({"read", "write"}));
-    s->add_option("handle", slot.handle, "the slot, 0 to 31")->required()->check(CLI::Range(0, KOVDSK_SLOTS - 1));
+    s->add_option("handle", slot.handle, "the slot, 0 to 31")
+        ->required()
+        ->check(CLI::Range(0, KOVDSK_SLOTS - 1));
     s->add_flag("-y,--yes", slot.yes, "the operator declares the stream orphaned");
     s->callback([] { RecoverSlot(slot); });
 

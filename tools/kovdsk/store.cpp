@@ -211,7 +211,8 @@ void AddStoreCommands(CLI::App &app)
     static RmArgs rm;
     auto *r = app.add_subcommand("rm", "delete stored files of an area by rule");
     AddFileArgs(r, rm.file)->required(false)->description("file name, or prefix with --prefix");
-    auto *prefix = r->add_flag("--prefix", rm.prefix, "every file whose name begins with NAME (kind 0: any kind)");
+    auto *prefix =
+        r->add_flag("--prefix", rm.prefix, "every file whose name begins with NAME (kind 0: any kind)");
     r->add_flag("--all", rm.all, "every stored file of the area, open or not")->excludes(prefix);
     r->add_flag("-y,--yes", rm.yes, "do not ask before --all");
     r->callback([] { Remove(rm); });
