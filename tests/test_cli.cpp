@@ -488,15 +488,16 @@ TEST_F(Cli, DriveCommands)
 
     // A layout the library would refuse is refused before sector 0 changes.
     if (getenv("KOVTEST_EMULATED") == nullptr && geteuid() == 0 && Have("losetup")) {
-        std::string image = Pattern(64 << 20);
-        PutFile("disk.img", image);
+        std::string sector = Pattern(512);
+        PutFile("disk.img", sector);
+        ASSERT_EQ(truncate(Path("disk.img").c_str(), 32 << 20), 0);  // 4 cylinders of 255 by 63
         std::string loop = Output("losetup -f --show -P '" + Path("disk.img") + "' 2>/dev/null");
         if (loop.rfind("/dev/loop", 0) == 0) {
             loop.pop_back();
             r = Kovdsk({"drive", "fdisk", loop, "-n", "2", "-s", "100", "--yes"});
             EXPECT_EQ(r.code, 1);
             EXPECT_NE(r.err.find("would refuse this layout"), std::string::npos) << r.err;
-            EXPECT_TRUE(Content("disk.img").substr(0, 512) == image.substr(0, 512));
+            EXPECT_TRUE(Content("disk.img").substr(0, 512) == sector);
             EXPECT_EQ(Kovdsk({"drive", "fdisk", loop, "-n", "2", "-s", "48195"}).code, 2);  // asks first
             r = Kovdsk({"drive", "fdisk", loop, "-n", "2", "-s", "48195", "--yes"});
             EXPECT_EQ(r.code, 0) << r.err;
