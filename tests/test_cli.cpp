@@ -349,7 +349,7 @@ TEST_F(Cli, AnInputThatFailsKeepsTheOldVersion)
     struct statvfs64 fs;
     ASSERT_EQ(statvfs64(root_.c_str(), &fs), 0);
     int fd = open(Path("huge").c_str(), O_CREAT | O_WRONLY, 0666);
-    ASSERT_EQ(ftruncate64(fd, static_cast<off64_t>(fs.f_bavail * fs.f_frsize) + (1 << 30)), 0);  // sparse
+    EXPECT_EQ(ftruncate64(fd, static_cast<off64_t>(fs.f_bavail * fs.f_frsize) + (1 << 30)), 0);  // sparse
     close(fd);
     for (auto [input, says] : {std::pair{"dir", "EISDIR"}, {"missing", "ENOENT"}, {"huge", "ENOSPC"}}) {
         Result r = Kovdsk({"put", "report", "-i", Path(input)});
@@ -357,6 +357,9 @@ TEST_F(Cli, AnInputThatFailsKeepsTheOldVersion)
         EXPECT_NE(r.err.find(says), std::string::npos) << r.err;
         EXPECT_EQ(Get("report", 0, 0, 0, nullptr, 0), "old");
     }
+    // Removed here: the fixture's cleanup cannot stat a file this large in
+    // a 32-bit process.
+    EXPECT_EQ(unlink(Path("huge").c_str()), 0);
     ExpectAllFree();
 }
 

@@ -28,6 +28,7 @@ const Meaning kMeanings[] = {
     {EAGAIN, "", "the file is open in a stream"},
     {ENFILE, "", "no free slot: 32 streams of this sort are open"},
     {EALREADY, "KovDskInitSet", "the table of this boot exists already"},
+    {EINVAL, "KovDskInitSet", "the library takes no root that holds \".1\" or lies in a directory named usr"},
     {EALREADY, "", "the file is open for writing already"},
     {ETIME, "", "the date component failed"},
     {ENOMEM, "KovDskInitSet", "no shared memory to be had"},
