@@ -6,10 +6,8 @@
 #include "cli.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <sys/sem.h>
 #include <unistd.h>
 
 namespace kovcli {
