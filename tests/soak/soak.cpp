@@ -1027,7 +1027,7 @@ nlohmann::json Status(const std::string &kovdsk)
 {
     if (kovdsk.empty())
         return nullptr;
-    std::string cmd = "'" + kovdsk + "' status --json 2>&1", out;
+    std::string cmd = "'" + kovdsk + "' status --json 2>/dev/null", out;
     FILE *p = popen(cmd.c_str(), "r");
     if (p == nullptr)
         return nullptr;

@@ -1,26 +1,78 @@
 /*
  * admin.cpp - the table itself: init, mkdirs, status; and the stored-name
- * codec for humans (name encode|decode).
+ * codec for humans (name encode|decode). What status judges of locks and
+ * slots is recover.cpp's, which acts on it.
  */
 #include "cli.h"
 
 #include "store/store.h"
 
 #include <cerrno>
-#include <csignal>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
-#include <iostream>
-#include <memory>
-#include <sys/sem.h>
+#include <sys/stat.h>
 
 namespace kovcli {
 namespace {
 
-void Init(const std::string &root)
+// The longest tail the store puts behind the root: "/usr/", a user in hex,
+// "/", a pass, "/" and a stored name.
+constexpr size_t kRootMax = KOVDSK_PATH_MAX - 1 - (5 + 126 + 1 + 16 + 1 + 250);
+
+struct InitArgs {
+    std::string root;
+    bool mkdir = false;
+};
+
+// mkdir -p, mode 0755: the root is the operator's directory, not the store's.
+void MakeRoot(const std::string &root)
 {
-    if (KovDskInitSet(root.c_str()) != 0)
-        Fail("KovDskInitSet", errno);
-    std::cout << "table created, root " << root << "\n";
+    for (size_t at = 1; at != std::string::npos;) {
+        at = root.find('/', at + 1);
+        std::string part = root.substr(0, at);
+        if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST)
+            Fail("mkdir " + part, errno);
+    }
+}
+
+// The library is handed an absolute path with no link on its way, so the
+// root means the same to every process whatever its working directory.
+void Init(const InitArgs &a)
+{
+    if (a.root.empty())
+        Usage("init: the root is empty");
+    WarnIfNotRoot();
+    struct stat st;
+    if (stat(a.root.c_str(), &st) != 0) {
+        if (errno != ENOENT)
+            Fail("stat " + a.root, errno);
+        if (!a.mkdir)
+            Refuse("init: the root \"" + Escape(a.root) +
+                   "\" does not exist; make it first, or ask init for it with --mkdir");
+        MakeRoot(a.root);
+    } else if (!S_ISDIR(st.st_mode)) {
+        Refuse("init: the root \"" + Escape(a.root) + "\" is not a directory");
+    }
+    char real[PATH_MAX];
+    if (realpath(a.root.c_str(), real) == nullptr)
+        Fail("realpath " + a.root, errno);
+    std::string root = real, quoted = "\"" + Escape(root) + "\"";
+    if (root.find(".1") != std::string::npos)
+        Refuse("init: the root " + quoted + " holds \".1\", the mark of a temporary file: "
+               "every stored file under it would count as temporary");
+    if ((root + "/").find("/usr/") != std::string::npos)
+        Refuse("init: the root " + quoted + " lies in a directory named usr: the links of the "
+               "pass areas are taken apart at the first \"/usr/\" of a path");
+    if (root.size() > kRootMax)
+        Refuse("init: the root " + quoted + " has " + std::to_string(root.size()) +
+               " bytes; the store's paths need it at most " + std::to_string(kRootMax));
+    if (KovDskInitSet(root.c_str()) != 0) {
+        int err = errno;
+        Fail("KovDskInitSet", err,
+             err == EALREADY ? "kovdsk recover table removes it when nothing holds it" : "");
+    }
+    Out() << "table created, root " << Escape(root) << "\n";
 }
 
 void MakeDirs()
@@ -28,35 +80,33 @@ void MakeDirs()
     Attach();
     for (const char *d : {"general", "uid", "usr", ".trash"}) {
         if (KovDskDirMake(d) == 0)
-            std::cout << "made " << d << "\n";
+            Out() << "made " << d << "\n";
         else if (errno == EEXIST)
-            std::cout << d << " exists\n";
+            Out() << d << " exists\n";
         else
             Fail(std::string("KovDskDirMake ") + d, errno);
     }
 }
 
-// A lock's state: value, waiters and the last process to operate on it,
-// which, when the lock is taken and that process is gone, will never
-// give it back.
-nlohmann::json LockState(const char *which, int semid)
+template <typename Slot>
+nlohmann::json SlotState(int handle, const Slot &slot, const std::string &orphan)
 {
-    int value = semctl(semid, 0, GETVAL);
-    int waiting = semctl(semid, 0, GETNCNT);
-    int pid = semctl(semid, 0, GETPID);
-    bool gone = pid > 0 && kill(pid, 0) == -1 && errno == ESRCH;
-    return {{"lock", which}, {"value", value}, {"free", value == 1}, {"waiting", waiting},
-            {"last_pid", pid}, {"stale", value == 0 && gone}};
+    nlohmann::json j = {{"handle", handle}, {"kind", slot.kind}, {"direct", slot.dir[0] == '\0'},
+                        {"orphaned", !orphan.empty()}, {"file_gone", FileGone(slot)}};
+    PutText(j, "name", Field(slot.name, sizeof slot.name));
+    PutText(j, "area", Field(slot.dir, sizeof slot.dir));
+    PutText(j, "file", Field(slot.file, sizeof slot.file));
+    return j;
 }
-
-std::string Field(const char *text, size_t size) { return std::string(text, strnlen(text, size)); }
 
 void Status(bool json)
 {
-    Attach();
+    Attach(false);
     const KovDskAccTbl *t = AccTbl;
+    int attached = Attached();
+    std::string orphan = OrphanReason(attached);
     nlohmann::json s = {
-        {"root", Field(t->root, sizeof t->root)},
+        {"attached", attached},
         {"activity", t->acc_cnt},
         {"accessed", t->accessed},
         {"operations", t->op_cnt},
@@ -67,46 +117,60 @@ void Status(bool json)
         {"write_slots", nlohmann::json::array()},
         {"read_slots", nlohmann::json::array()},
     };
+    PutText(s, "root", Field(t->root, sizeof t->root));
     for (int i = 0; i < KOVDSK_SLOTS; i++) {
-        const KovDskAccWrEnt &w = t->wr[i];
-        if (w.used)
-            s["write_slots"].push_back({{"handle", i}, {"kind", w.kind}, {"name", Field(w.name, 33)},
-                                        {"area", Field(w.dir, sizeof w.dir)},
-                                        {"file", Field(w.file, sizeof w.file)}, {"waiting", w.fill}});
-        const KovDskAccRdEnt &r = t->rd[i];
-        if (r.used)
-            s["read_slots"].push_back({{"handle", i}, {"kind", r.kind}, {"name", Field(r.name, 33)},
-                                       {"area", Field(r.dir, sizeof r.dir)},
-                                       {"file", Field(r.file, sizeof r.file)}, {"remain", r.remain}});
+        if (t->wr[i].used) {
+            s["write_slots"].push_back(SlotState(i, t->wr[i], orphan));
+            s["write_slots"].back()["waiting"] = t->wr[i].fill;
+        }
+        if (t->rd[i].used) {
+            s["read_slots"].push_back(SlotState(i, t->rd[i], orphan));
+            s["read_slots"].back()["remain"] = t->rd[i].remain;
+        }
     }
     if (json) {
-        std::cout << s.dump(2) << "\n";
+        Out() << Dump(s) << "\n";
         return;
     }
-    std::cout << "root         " << s["root"].get<std::string>() << "\n"
-              << "activity     " << t->acc_cnt << "\n"
-              << "accessed     " << t->accessed << "\n"
-              << "operations   " << t->op_cnt << "\n"
-              << "trash        " << (t->trash_mode ? "on" : "off") << ", garbage "
-              << (t->gbg_flag ? "yes" : "no") << ", next number " << t->trash_seq << "\n";
+    Out() << "root         " << Escape(Field(t->root, sizeof t->root)) << "\n"
+          << "attached     " << attached << (attached == 1 ? " process" : " processes")
+          << ", this one included\n"
+          << "activity     " << t->acc_cnt << "\n"
+          << "accessed     " << t->accessed << "\n"
+          << "operations   " << t->op_cnt << "\n"
+          << "trash        " << (t->trash_mode ? "on" : "off") << ", garbage "
+          << (t->gbg_flag ? "yes" : "no") << ", next number " << t->trash_seq << "\n";
     for (const auto &lock : s["locks"]) {
         std::string label = lock["lock"].get<std::string>() + " lock";
-        std::cout << label << std::string(13 - label.size(), ' ')
-                  << (lock["free"].get<bool>() ? "free" : "taken") << ", " << lock["waiting"]
-                  << " waiting, last operated by pid " << lock["last_pid"];
+        Out() << label << std::string(13 - label.size(), ' ')
+              << (lock["free"].get<bool>() ? "free" : "taken") << ", " << lock["waiting"]
+              << " waiting, last operated by pid " << lock["last_pid"];
         if (lock["stale"].get<bool>())
-            std::cout << "  HELD BY A PROCESS THAT NO LONGER EXISTS";
-        std::cout << "\n";
+            Out() << "  HELD BY A PROCESS THAT NO LONGER EXISTS";
+        Out() << "\n";
     }
-    for (const char *dir : {"write_slots", "read_slots"}) {
-        for (const auto &slot : s[dir])
-            std::cout << (dir[0] == 'w' ? "write " : "read  ") << slot["handle"] << ": kind "
-                      << slot["kind"] << ", \"" << slot["name"].get<std::string>() << "\" in "
-                      << (slot["area"].get<std::string>().empty() ? "(direct)" : slot["area"].get<std::string>())
-                      << ", " << slot["file"].get<std::string>() << "\n";
-    }
+    auto line = [&](const char *sort, int handle, const auto &slot) {
+        Out() << sort << handle << ": ";
+        if (slot.dir[0] == '\0')
+            Out() << "direct " << Escape(Field(slot.file, sizeof slot.file));
+        else
+            Out() << "kind " << slot.kind << ", \"" << Escape(Field(slot.name, sizeof slot.name))
+                  << "\" in " << Escape(Field(slot.dir, sizeof slot.dir)) << ", "
+                  << Escape(Field(slot.file, sizeof slot.file));
+        if (!orphan.empty())
+            Out() << "  ORPHANED: " << orphan;
+        if (FileGone(slot))
+            Out() << "  ITS FILE NO LONGER EXISTS";
+        Out() << "\n";
+    };
+    for (int i = 0; i < KOVDSK_SLOTS; i++)
+        if (t->wr[i].used)
+            line("write ", i, t->wr[i]);
+    for (int i = 0; i < KOVDSK_SLOTS; i++)
+        if (t->rd[i].used)
+            line("read  ", i, t->rd[i]);
     if (s["write_slots"].empty() && s["read_slots"].empty())
-        std::cout << "no stream open\n";
+        Out() << "no stream open\n";
 }
 
 struct NameArgs {
@@ -117,11 +181,14 @@ struct NameArgs {
 
 void Encode(const NameArgs &a)
 {
+    CheckName(a.name);
+    CheckTags(a.short_tag, a.long_tag);
+    CheckDeadline(a.deadline);
     char out[KOVDSK_STORED_MAX];
     if (KovDskNameBuild(a.kind, a.name.c_str(), a.short_tag.c_str(), a.long_tag.c_str(),
                         a.deadline.c_str(), a.tmp, out) != 0)
         Fail("encode", errno);
-    std::cout << out << "\n";
+    Out() << out << "\n";
 }
 
 void Decode(const NameArgs &a)
@@ -130,26 +197,31 @@ void Decode(const NameArgs &a)
     char name[KOVDSK_FNAME_BUF], stag[KOVDSK_STAG_BUF], ltag[KOVDSK_LTAG_BUF];
     char deadline[KOVDSK_DEADLINE_BUF];
     if (KovDskNameParse(a.stored.c_str(), &kind, name, stag, ltag, deadline, &tmp) != 0)
-        Usage("not a stored name: \"" + a.stored + "\"");
-    nlohmann::json j = {{"kind", kind}, {"name", name}, {"short_tag", stag},
-                        {"long_tag", ltag}, {"deadline", deadline}, {"temporary", tmp == 1}};
+        Usage("not a stored name: \"" + Escape(a.stored) + "\"");
+    nlohmann::json j = {{"kind", kind}, {"temporary", tmp == 1}};
+    PutText(j, "name", name);
+    PutText(j, "deadline", deadline);
+    PutText(j, "short_tag", stag);
+    PutText(j, "long_tag", ltag);
     if (a.json) {
-        std::cout << j.dump(2) << "\n";
+        Out() << Dump(j) << "\n";
         return;
     }
-    for (auto &[key, value] : j.items())
-        std::cout << key << std::string(11 - key.size(), ' ')
-                  << (value.is_string() ? value.get<std::string>() : value.dump()) << "\n";
+    for (auto [key, value] : std::initializer_list<std::pair<const char *, std::string>>{
+             {"kind", std::to_string(kind)}, {"name", name}, {"short_tag", stag},
+             {"long_tag", ltag}, {"deadline", deadline}, {"temporary", tmp == 1 ? "true" : "false"}})
+        Out() << key << std::string(11 - strlen(key), ' ') << Escape(value) << "\n";
 }
 
 } // namespace
 
 void AddAdminCommands(CLI::App &app)
 {
-    static std::string root;
-    auto *init = app.add_subcommand("init", "create the table with the store's root (once a boot)");
-    init->add_option("root", root, "the directory that holds the store")->required();
-    init->callback([] { Init(root); });
+    static InitArgs init;
+    auto *i = app.add_subcommand("init", "create the table with the store's root (once a boot)");
+    i->add_option("root", init.root, "the directory that holds the store")->required();
+    i->add_flag("--mkdir", init.mkdir, "make the root (and its parents) if it does not exist");
+    i->callback([] { Init(init); });
 
     app.add_subcommand("mkdirs", "make the store's top directories general, uid, usr, .trash")
         ->callback(MakeDirs);
@@ -163,11 +235,11 @@ void AddAdminCommands(CLI::App &app)
     auto *name = app.add_subcommand("name", "the stored-name codec");
     name->require_subcommand(1);
     auto *enc = name->add_subcommand("encode", "values to a stored name");
-    enc->add_option("name", n.name, "file name")->required();
+    enc->add_option("name", n.name, "file name, 1 to 32 bytes")->required();
     enc->add_option("-k,--kind", n.kind, "kind, 0 to 255")->check(CLI::Range(0, 255));
-    enc->add_option("-s,--short-tag", n.short_tag, "short tag");
-    enc->add_option("-l,--long-tag", n.long_tag, "long tag");
-    enc->add_option("-d,--deadline", n.deadline, "deadline YYMMDDHHMM");
+    enc->add_option("-s,--short-tag", n.short_tag, "short tag, up to 16 bytes");
+    enc->add_option("-l,--long-tag", n.long_tag, "long tag, up to 64 bytes");
+    enc->add_option("-d,--deadline", n.deadline, "deadline YYMMDDHHMM (UTC)");
     enc->add_flag("-t,--temporary", n.tmp, "temporary file");
     enc->callback([] { Encode(n); });
     auto *dec = name->add_subcommand("decode", "a stored name to its values");

@@ -1,7 +1,6 @@
 /*
- * store.cpp - the store's commands: put and get a stored file, list an
- * area and the areas, find the real path, delete by rule, sweep, and the
- * trash.
+ * store.cpp - the store's commands besides put and get: list an area and
+ * the areas, find the real path, delete by rule, sweep, and the trash.
  */
 #include "cli.h"
 
@@ -9,144 +8,9 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <iostream>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace kovcli {
 namespace {
-
-constexpr size_t kChunk = 1 << 20;
-
-// A progress bar on a terminal, for files worth watching; nothing when
-// standard error is piped.
-class Progress {
-public:
-    Progress(int64_t total) : total_(total), on_(isatty(2) && total > 4 * int64_t{kChunk}) {}
-    void Add(size_t n)
-    {
-        done_ += static_cast<int64_t>(n);
-        if (!on_)
-            return;
-        int pct = static_cast<int>(done_ * 100 / total_);
-        fprintf(stderr, "\r[%-40s] %3d%% %s", std::string(pct * 40 / 100, '#').c_str(), pct,
-                HumanSize(done_).c_str());
-    }
-    ~Progress()
-    {
-        if (on_)
-            fprintf(stderr, "\n");
-    }
-
-private:
-    int64_t total_, done_ = 0;
-    bool on_;
-};
-
-struct PutArgs {
-    FileArgs file;
-    std::string input = "-", short_tag, long_tag, deadline;
-    bool tmp = false;
-};
-
-// A failed input or write ends the stream and deletes what it made: no
-// stored file is left half written.
-void Put(const PutArgs &a)
-{
-    Area area = ParseArea(a.file.area);
-    FILE *in = a.input == "-" ? stdin : fopen(a.input.c_str(), "rb");
-    if (in == nullptr)
-        Fail("open " + a.input, errno);
-    struct stat st;
-    int64_t size = fstat(fileno(in), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : 0;
-    Attach();
-    int h = KovDskWriteOpen(a.file.name.c_str(), a.short_tag.c_str(), a.long_tag.c_str(),
-                            a.file.kind, area.selector, area.id, area.user_or_null(), area.pass,
-                            a.tmp, a.deadline.empty() ? nullptr : a.deadline.c_str());
-    if (h < 0) {
-        int e = errno;
-        if (in != stdin)
-            fclose(in);
-        Fail("KovDskWriteOpen", e);
-    }
-    std::string stored = AccTbl->wr[h].file;
-    std::unique_ptr<char[]> buf(new char[kChunk]);
-    std::string failed;
-    int err = 0;
-    {
-        Progress bar(size);
-        size_t n;
-        while ((n = fread(buf.get(), 1, kChunk, in)) > 0) {
-            if (KovDskWrite(h, buf.get(), static_cast<unsigned>(n)) < 0) {
-                failed = "KovDskWrite";
-                err = errno;
-                break;
-            }
-            bar.Add(n);
-        }
-        if (failed.empty() && ferror(in)) {
-            failed = "read " + a.input;
-            err = errno ? errno : EIO;
-        }
-    }
-    if (in != stdin)
-        fclose(in);
-    if (KovDskWriteClose(h) != 0 && failed.empty()) {
-        failed = "KovDskWriteClose";
-        err = errno;
-    }
-    if (!failed.empty()) {
-        KovDskDel(a.file.name.c_str(), a.file.kind, 1, area.selector, area.id, area.user_or_null(),
-                  area.pass);
-        Fail(failed, err);
-    }
-    std::cout << stored << "\n";
-}
-
-struct GetArgs {
-    FileArgs file;
-    std::string output = "-";
-};
-
-void Get(const GetArgs &a)
-{
-    Area area = ParseArea(a.file.area);
-    Attach();
-    int h = KovDskReadOpen(a.file.name.c_str(), a.file.kind, area.selector, area.id,
-                           area.user_or_null(), area.pass);
-    if (h < 0)
-        Fail("KovDskReadOpen", errno);
-    int64_t size = static_cast<int64_t>(AccTbl->rd[h].remain);
-    FILE *out = a.output == "-" ? stdout : fopen(a.output.c_str(), "wb");
-    if (out == nullptr) {
-        int e = errno;
-        KovDskReadClose(h);
-        Fail("open " + a.output, e);
-    }
-    std::unique_ptr<char[]> buf(new char[kChunk]);
-    int n = 0;
-    {
-        Progress bar(size);
-        while ((n = KovDskRead(h, buf.get(), kChunk)) > 0) {
-            if (fwrite(buf.get(), 1, static_cast<size_t>(n), out) != static_cast<size_t>(n)) {
-                n = -2;
-                break;
-            }
-            bar.Add(static_cast<size_t>(n));
-        }
-    }
-    int e = errno;
-    KovDskReadClose(h);
-    if (fclose(out) != 0 && n == 0) {
-        n = -2;
-        e = errno;
-    }
-    if (n == -1)
-        Fail("KovDskRead", e);
-    if (n == -2)
-        Fail("write " + a.output, e);
-}
 
 struct ListArgs {
     std::string area = "general", name, sort = "name";
@@ -156,6 +20,7 @@ struct ListArgs {
 
 void List(const ListArgs &a)
 {
+    CheckName(a.name, true);
     Area area = ParseArea(a.area);
     uint32_t sort = a.sort == "name" ? 0 : a.sort == "tag" ? 1 : 2;
     Attach();
@@ -172,15 +37,18 @@ void List(const ListArgs &a)
                           e.long_tag, e.deadline,
                           a.human ? HumanSize(e.size) : std::to_string(e.size),
                           a.human ? HumanTime(e.time) : std::to_string(e.time)});
-        t.json.push_back({{"name", e.name}, {"kind", e.kind}, {"temporary", e.tmp == 1},
-                          {"short_tag", e.short_tag}, {"long_tag", e.long_tag},
-                          {"deadline", e.deadline}, {"size", e.size}, {"time", e.time}});
+        nlohmann::json j = {{"kind", e.kind}, {"temporary", e.tmp == 1}, {"size", e.size}, {"time", e.time}};
+        PutText(j, "name", e.name);
+        PutText(j, "deadline", e.deadline);
+        PutText(j, "short_tag", e.short_tag);
+        PutText(j, "long_tag", e.long_tag);
+        t.json.push_back(j);
     }
     if (res.count)
         free(res.entries);
     Print(t, a.json);
     if (rc == 1)
-        fprintf(stderr, "kovdsk: memory ran out: the list is partial\n");
+        Warn("memory ran out: the list is partial");
 }
 
 struct AreasArgs {
@@ -191,10 +59,12 @@ struct AreasArgs {
 
 void Numbers(const char *what, const AreasArgs &a)
 {
+    bool ids = what[0] == 'i';
+    if (!ids)
+        CheckUser(a.user);
     Attach();
     uint32_t count = 0;
     uint64_t *list = nullptr;
-    bool ids = what[0] == 'i';
     int rc = ids ? KovDskUidList(a.mode(), &count, &list)
                  : KovDskPasList(a.mode(), a.user.c_str(), &count, &list);
     if (rc < 0)
@@ -222,8 +92,11 @@ void Users(const AreasArgs &a)
     Table t;
     t.header = {"USER"};
     for (uint32_t i = 0; i < count; i++) {
-        t.rows.push_back({list + i * KOVDSK_USR_REC});
-        t.json.push_back(list + i * KOVDSK_USR_REC);
+        std::string user = Field(list + i * KOVDSK_USR_REC, KOVDSK_USR_REC);
+        t.rows.push_back({user});
+        nlohmann::json j;
+        PutText(j, "user", user);
+        t.json.push_back(j);
     }
     if (count)
         free(list);
@@ -232,23 +105,32 @@ void Users(const AreasArgs &a)
 
 void Where(const FileArgs &f)
 {
+    CheckName(f.name);
     Area area = ParseArea(f.area);
     Attach();
     char path[KOVDSK_PATH_MAX];
     if (KovDskGetRealFileName(f.name.c_str(), f.kind, area.selector, area.id, area.user_or_null(),
                               area.pass, path) != 0)
         Fail("KovDskGetRealFileName", errno);
-    std::cout << path << "\n";
+    Out() << path << "\n";
 }
 
 struct RmArgs {
     FileArgs file;
-    bool prefix = false, all = false;
+    bool prefix = false, all = false, yes = false;
 };
 
+// --all deletes every stored file of the area, open ones too, so it takes
+// no name and asks first.
 void Remove(const RmArgs &a)
 {
+    if (a.all && !a.file.name.empty())
+        Usage("rm --all takes no NAME: it deletes every stored file of the area");
+    if (!a.all)
+        CheckName(a.file.name, a.prefix);
     Area area = ParseArea(a.file.area);
+    if (a.all)
+        Confirm("rm --all", "Delete every stored file of " + Escape(a.file.area) + ", open or not?", a.yes);
     Attach();
     int mode = a.all ? 0 : a.prefix ? 2 : 1;
     if (KovDskDel(a.file.name.c_str(), a.file.kind, mode, area.selector, area.id,
@@ -267,6 +149,8 @@ void Sweep(bool expired, bool temporary)
 
 void Trash(const std::string &what, bool all)
 {
+    if (all && what != "shred")
+        Usage("trash " + what + ": --all goes with shred only");
     Attach();
     if (what == "on" || what == "off") {
         KovDskSelDel(what == "on");
@@ -274,18 +158,18 @@ void Trash(const std::string &what, bool all)
         int rc = KovDskGbgIni();
         if (rc < 0)
             Fail("KovDskGbgIni", errno);
-        std::cout << (rc ? "garbage in .trash" : AccTbl->trash_mode ? "no garbage" : "trash mode is off")
-                  << "\n";
+        Out() << (rc ? "garbage in .trash" : AccTbl->trash_mode ? "no garbage" : "trash mode is off") << "\n";
     } else {
         int shredded = 0, rc;
         while ((rc = KovDskFleSrd()) == 1) {
             shredded++;
             if (!all)
                 break;
+            CheckSignal();
         }
         if (rc < 0)
             Fail("KovDskFleSrd", errno);
-        std::cout << shredded << " file(s) shredded\n";
+        Out() << shredded << " file(s) shredded\n";
     }
 }
 
@@ -293,22 +177,6 @@ void Trash(const std::string &what, bool all)
 
 void AddStoreCommands(CLI::App &app)
 {
-    static PutArgs put;
-    auto *p = app.add_subcommand("put", "store a file or standard input as a stored file");
-    AddFileArgs(p, put.file);
-    p->add_option("-i,--input", put.input, "file to store, - for standard input")->capture_default_str();
-    p->add_option("-s,--short-tag", put.short_tag, "short tag, up to 16 bytes");
-    p->add_option("-l,--long-tag", put.long_tag, "long tag, up to 64 bytes");
-    p->add_option("-d,--deadline", put.deadline, "deadline YYMMDDHHMM");
-    p->add_flag("-t,--temporary", put.tmp, "a temporary file");
-    p->callback([] { Put(put); });
-
-    static GetArgs get;
-    auto *g = app.add_subcommand("get", "read a stored file to a file or standard output");
-    AddFileArgs(g, get.file);
-    g->add_option("-o,--output", get.output, "file to write, - for standard output")->capture_default_str();
-    g->callback([] { Get(get); });
-
     static ListArgs ls;
     auto *l = app.add_subcommand("ls", "list the stored files of an area");
     l->add_option("-a,--area", ls.area, "general, uid:ID, usr:USER or usr:USER:PASS")->capture_default_str();
@@ -342,9 +210,11 @@ void AddStoreCommands(CLI::App &app)
 
     static RmArgs rm;
     auto *r = app.add_subcommand("rm", "delete stored files of an area by rule");
-    AddFileArgs(r, rm.file);
-    r->add_flag("--prefix", rm.prefix, "every file whose name begins with NAME (kind 0: any kind)");
-    r->add_flag("--all", rm.all, "every stored file of the area, open or not");
+    AddFileArgs(r, rm.file)->required(false)->description("file name, or prefix with --prefix");
+    auto *prefix =
+        r->add_flag("--prefix", rm.prefix, "every file whose name begins with NAME (kind 0: any kind)");
+    r->add_flag("--all", rm.all, "every stored file of the area, open or not")->excludes(prefix);
+    r->add_flag("-y,--yes", rm.yes, "do not ask before --all");
     r->callback([] { Remove(rm); });
 
     static bool expired = false, temporary = false;
