@@ -77,9 +77,11 @@ std::string MakeRoot()
     std::vector<std::string> bases = {tmp && *tmp ? tmp : "/tmp", KOVTEST_SCRATCH};
     // Under user-mode emulation a 32-bit program cannot read directories
     // whose offsets need 64 bits (ext4's hashed directories give EOVERFLOW),
-    // so the roots go on tmpfs there.
+    // so the roots go on tmpfs there (KOVTEST_SHM: a directory of a run's own
+    // on it).
+    const char *shm = getenv("KOVTEST_SHM");
     if (getenv("KOVTEST_EMULATED") != nullptr)
-        bases = {"/dev/shm"};
+        bases = {shm && *shm ? shm : "/dev/shm"};
     for (const std::string &base : bases) {
         mkdir(base.c_str(), 0700);
         std::string templ = base + "/kovdsk-test-XXXXXX";
